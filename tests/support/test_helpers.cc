@@ -1,0 +1,121 @@
+#include "tests/support/test_helpers.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/drover-test-XXXXXX";
+  if (!mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
+  root = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(root, ignored);
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+void appendFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary | std::ios::app) << content;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+namespace {
+
+void drainInto(int fd, std::string& sink, bool& open) {
+  char chunk[65536];
+  const ssize_t got = read(fd, chunk, sizeof chunk);
+  if (got > 0) {
+    sink.append(chunk, static_cast<size_t>(got));
+  } else if (got == 0 || errno != EINTR) {
+    open = false;
+  }
+}
+
+}  // namespace
+
+ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
+                         const std::string& cwd, const std::string& input) {
+  int outPipe[2], errPipe[2], inPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC) || pipe2(inPipe, O_CLOEXEC)) {
+    throw std::runtime_error("pipe failed");
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(inPipe[0], 0);
+    dup2(outPipe[1], 1);
+    dup2(errPipe[1], 2);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
+    std::vector<char*> args;
+    for (const std::string& word : argv) args.push_back(const_cast<char*>(word.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  close(outPipe[1]);
+  close(errPipe[1]);
+  close(inPipe[0]);
+  if (!input.empty()) {
+    // Small inputs only: larger ones would need the poll loop to write too.
+    (void)!write(inPipe[1], input.data(), input.size());
+  }
+  close(inPipe[1]);
+
+  ProcessResult result;
+  bool outOpen = true, errOpen = true;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (outOpen || errOpen) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      result.timedOut = true;
+      kill(child, SIGKILL);
+      break;
+    }
+    pollfd fds[2] = {{outOpen ? outPipe[0] : -1, POLLIN, 0}, {errOpen ? errPipe[0] : -1, POLLIN, 0}};
+    if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
+    if (fds[0].revents) drainInto(outPipe[0], result.out, outOpen);
+    if (fds[1].revents) drainInto(errPipe[0], result.err, errOpen);
+  }
+  close(outPipe[0]);
+  close(errPipe[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  return result;
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::string::size_type start = 0;
+  while (start < text.size()) {
+    const auto end = text.find('\n', start);
+    if (end == std::string::npos) {
+      lines.push_back(text.substr(start));
+      break;
+    }
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
