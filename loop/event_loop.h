@@ -78,6 +78,13 @@ class EventLoop {
   };
   using TimerMap = std::map<void*, TimerEntry, std::less<>>;
 
+  /// Copies the entries of `timers` due at `now`, reschedules (intervals) or erases (one-shot)
+  /// them, then calls the copies in key order. Returns whether any callback did work.
+  static bool runDueTimers(TimerMap& timers, uint64_t now, bool oneShot);
+  /// Takes and calls the deferred callbacks of one level, lowest key first, until one did work
+  /// (returns true) or none is left that hasn't run in this call.
+  static bool runIdleCallbacks(TimerMap& callbacks);
+
   Log log;
   int epollDescriptor = -1;
   int inotifyDescriptor = -1;

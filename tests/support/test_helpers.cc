@@ -55,6 +55,9 @@ void drainInto(int fd, std::string& sink, bool& open) {
 
 ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
                          const std::string& cwd, const std::string& input) {
+  // An EventLoop ignores SIGCHLD for the whole process, which would let the kernel reap the
+  // child before waitpid sees its status.
+  signal(SIGCHLD, SIG_DFL);
   int outPipe[2], errPipe[2], inPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC) || pipe2(inPipe, O_CLOEXEC)) {
     throw std::runtime_error("pipe failed");
