@@ -1,0 +1,138 @@
+// Helpers for the connection and packet tests: a connection whose insides the tests may look at,
+// a recording command acceptor, loopback addresses and exact log lines. Tests only.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "net/network_connection.h"
+#include "protocol/network_command.h"
+#include "protocol/network_packet.h"
+
+class TestConnection : public NetworkConnection {
+ public:
+  using NetworkConnection::externalReferenceCount;
+  using NetworkConnection::LineBudget;
+  using NetworkConnection::loop;
+  using NetworkConnection::NetworkConnection;
+  using NetworkConnection::recvBufferSize;
+  using NetworkConnection::sendBuffer;
+  using NetworkConnection::sendBufferSize;
+  using NetworkConnection::sendRead;
+  using NetworkConnection::sendWrite;
+  using NetworkConnection::socket;
+  using NetworkConnection::state;
+
+  /// The bytes waiting in the send buffer.
+  std::string queued() const {
+    if (!sendBuffer) return std::string();
+    return std::string(reinterpret_cast<const char*>(sendRead), sendWrite - sendRead);
+  }
+};
+
+/// Counts what the four handlers of a connection were called for.
+struct HandlerCalls {
+  int established = 0;
+  int readClosed = 0;
+  int error = 0;
+  int finished = 0;
+
+  void attach(NetworkConnection& con) {
+    con.setEstablishedHandler([this] { ++established; });
+    con.setReadClosedHandler([this] { ++readClosed; });
+    con.setErrorHandler([this] { ++error; });
+    con.setFinishedHandler([this] { ++finished; });
+  }
+};
+
+/// Accepts `ids` and writes down each command it gets; `onCommand` runs after each.
+class RecordingAcceptor : public NetworkCmdAcceptor {
+ public:
+  RecordingAcceptor(std::vector<std::string>* seenCommands, std::initializer_list<uint16_t> ids,
+                    std::function<void()> afterCommand = nullptr)
+      : seen(seenCommands), onCommand(std::move(afterCommand)) {
+    for (uint16_t id : ids) accepted.insert(id);
+  }
+  CommandSet acceptedCommands() const override { return accepted; }
+  void operator()(NetworkCommand&& cmd) override {
+    if (auto* e = std::get_if<CmdError>(&cmd)) {
+      seen->push_back("error '" + e->message + "'");
+    } else if (std::holds_alternative<CmdCompleted>(cmd)) {
+      seen->push_back("completed");
+    } else if (auto* r = std::get_if<CmdIngestContextRegistered>(&cmd)) {
+      seen->push_back("registered " + std::to_string(r->context) + " '" + r->error + "'");
+    } else {
+      seen->push_back("index " + std::to_string(cmd.index()));
+    }
+    if (onCommand) onCommand();
+  }
+
+ private:
+  std::vector<std::string>* seen;
+  CommandSet accepted;
+  std::function<void()> onCommand;
+};
+
+/// An IPv4 loopback address whose text is the given host and the port.
+inline ConnectionInfo loopbackInfo(uint16_t port, const std::string& host = "127.0.0.1") {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addrinfo entry{};
+  entry.ai_family = AF_INET;
+  entry.ai_socktype = SOCK_STREAM;
+  entry.ai_protocol = IPPROTO_TCP;
+  entry.ai_addrlen = sizeof(address);
+  entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
+  return ConnectionInfo(entry, ConnectionString(host, std::to_string(port)));
+}
+
+/// A listening loopback socket on a free port.
+inline int listenOnLoopback(uint16_t* port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 8) != 0) return -1;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+/// Bytes written to `fd`'s peer that nobody has read yet.
+inline int unreadBytes(int fd) {
+  int count = 0;
+  ioctl(fd, FIONREAD, &count);
+  return count;
+}
+
+/// One log line of a connection, as the Log writes it.
+inline std::string logLine(const std::string& level, const std::string& message) {
+  return "{\"level\":\"" + level + "\", \"component\":\"NetworkConnection\", \"message\": \"" +
+         message + "\"}";
+}
+
+/// Whether `line` is a line of a connection at `level` whose message begins with `text`.
+inline bool startsWithMessage(const std::string& line, const std::string& level,
+                              const std::string& text) {
+  const std::string whole = logLine(level, text);
+  return line.rfind(whole.substr(0, whole.size() - 2), 0) == 0;
+}
+
+inline std::string le16(uint16_t v) { return std::string(reinterpret_cast<const char*>(&v), 2); }
+inline std::string le32(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
+
+/// A whole packet: header and `payload`.
+inline std::string packet(uint16_t command, const std::string& payload) {
+  return le32(static_cast<uint32_t>(payload.size() + 6)) + le16(command) + payload;
+}
