@@ -1,0 +1,43 @@
+#include "app/ingester_connection.h"
+
+#include "protocol/network_command.h"
+
+IngesterConnection::IngesterConnection(const Log& log, const ConnectionInfo& info)
+    : NetworkConnection(log, info, true) {}
+
+IngesterConnection::~IngesterConnection() = default;
+
+// The copy is taken whether or not the ingester agreed to acknowledge: without acknowledgements
+// it is only dropped when the connection is replaced.
+void IngesterConnection::sendEvents(uint32_t context, uint64_t timestamp,
+                                    const EphemeralLogEvent* events, uint32_t count) {
+  send(CmdIngestLogEvents{context, timestamp, events, count});
+  std::vector<LogEvent> batch;
+  batch.reserve(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    batch.push_back(LogEvent{context, timestamp,
+                             std::string(reinterpret_cast<const char*>(events[i].begin),
+                                         reinterpret_cast<const char*>(events[i].end))});
+  }
+  unacknowledged.push_back(std::move(batch));
+}
+
+void IngesterConnection::sendEvent(const LogEvent& event) {
+  const uint8_t* data = reinterpret_cast<const uint8_t*>(event.data.data());
+  const EphemeralLogEvent view{data, data + event.data.size()};
+  send(CmdIngestLogEvents{event.context, event.timestamp, &view, 1});
+  unacknowledged.push_back(std::vector<LogEvent>{event});
+}
+
+void IngesterConnection::acknowledgeBatches(uint64_t sequence) {
+  // Acknowledgements count packets. A peer that acknowledges more than was sent gets no further
+  // say: the count jumps to its number instead of popping an empty queue (or counting to 2^64).
+  while (sequence >= acknowledged) {
+    if (unacknowledged.empty()) {
+      acknowledged = sequence + 1;
+      break;
+    }
+    unacknowledged.pop_front();
+    ++acknowledged;
+  }
+}
