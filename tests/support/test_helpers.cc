@@ -122,3 +122,69 @@ std::vector<std::string> splitLines(const std::string& text) {
   }
   return lines;
 }
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
+                           const std::string& errPath, const std::string& cwd) {
+  ::signal(SIGCHLD, SIG_DFL);  // see runProcess
+  child = fork();
+  if (child == 0) {
+    const int in = open("/dev/null", O_RDONLY);
+    const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (in < 0 || out < 0 || err < 0) _exit(127);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
+    std::vector<char*> args;
+    for (const std::string& word : argv) args.push_back(const_cast<char*>(word.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  if (child > 0 && !reaped) {
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+  }
+}
+
+void ChildProcess::signal(int number) const { kill(child, number); }
+
+bool ChildProcess::wait(std::chrono::milliseconds limit) {
+  if (reaped) return true;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(child, &status, WNOHANG);
+    if (done == child) {
+      reaped = true;
+      if (WIFEXITED(status)) code = WEXITSTATUS(status);
+      if (WIFSIGNALED(status)) terminatingSignal = WTERMSIG(status);
+      return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    usleep(10000);
+  }
+}
+
+long ChildProcess::peakRssKib() const {
+  std::ifstream status("/proc/" + std::to_string(child) + "/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return 0;
+}
+
+bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline) return condition();
+    usleep(10000);
+  }
+  return true;
+}

@@ -47,3 +47,32 @@ ProcessResult runProcess(const std::vector<std::string>& argv,
 
 /// The lines of `text`, without their newlines.
 std::vector<std::string> splitLines(const std::string& text);
+
+/// A program running in the background with stdout and stderr going to files; killed with
+/// SIGKILL and reaped at destruction if it is still running.
+class ChildProcess {
+ public:
+  ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
+               const std::string& errPath, const std::string& cwd = "");
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  int pid() const { return child; }
+  void signal(int number) const;
+  /// Waits up to `limit` for the exit; true if it exited. Then exitCode()/exitSignal() tell how.
+  bool wait(std::chrono::milliseconds limit);
+  int exitCode() const { return code; }
+  int exitSignal() const { return terminatingSignal; }
+  /// Peak resident set size in KiB while running (VmHWM), 0 if it can't be read.
+  long peakRssKib() const;
+
+ private:
+  int child = -1;
+  bool reaped = false;
+  int code = -1;
+  int terminatingSignal = 0;
+};
+
+/// Polls `condition` every 10 ms for up to `limit`; returns whether it held.
+bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit);

@@ -1,0 +1,110 @@
+// The driver's queue work: what comes back from a lost connection, and which connections a
+// change of addresses keeps.
+#include "app/forwarding.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <sstream>
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAreArray;
+
+ConnectionInfo loopbackAddress(uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addrinfo entry{};
+  entry.ai_family = AF_INET;
+  entry.ai_socktype = SOCK_STREAM;
+  entry.ai_protocol = IPPROTO_TCP;
+  entry.ai_addrlen = sizeof address;
+  entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
+  return ConnectionInfo(entry, ConnectionString("127.0.0.1", std::to_string(port)));
+}
+
+LogEvent event(const std::string& data) { return LogEvent{0, 7, data}; }
+
+std::vector<std::string> texts(const EventQueue& events) {
+  std::vector<std::string> out;
+  for (const LogEvent& e : events) out.push_back(e.data);
+  return out;
+}
+
+class Forwarding : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { NetworkConnection::Initialize(Log(std::cout), false, true); }
+
+  // Port 1 on loopback refuses; these objects are never registered, so nothing is sent.
+  std::unique_ptr<IngesterConnection> connection(uint16_t port = 1) {
+    return std::make_unique<IngesterConnection>(log, loopbackAddress(port));
+  }
+
+  std::ostringstream out;
+  Log log{out};
+};
+
+TEST_F(Forwarding, UnacknowledgedBatchesReturnInOrderBeforeWhatWaited) {
+  auto con = connection();
+  con->unacknowledged.push_back({event("a"), event("b"), event("c")});
+  con->unacknowledged.push_back({event("d")});
+  con->unacknowledged.push_back({event("e")});
+  EventQueue events{event("older1"), event("older2")};
+
+  requeueUnacknowledged(*con, events);
+
+  // The batch a, b, c comes back reversed; one-event batches keep their order.
+  EXPECT_THAT(texts(events), ElementsAre("c", "b", "a", "d", "e", "older1", "older2"));
+  EXPECT_TRUE(con->unacknowledged.empty());
+}
+
+TEST_F(Forwarding, AcknowledgedBatchesDoNotReturn) {
+  auto con = connection();
+  for (const char* text : {"0", "1", "2", "3"}) con->unacknowledged.push_back({event(text)});
+  con->acknowledgeBatches(1);
+  EventQueue events;
+  requeueUnacknowledged(*con, events);
+  EXPECT_THAT(texts(events), ElementsAre("2", "3"));
+}
+
+TEST_F(Forwarding, DropVanishedKeepsEveryConnectionWhoseAddressIsResolved) {
+  // Every pattern of kept and dropped over five connections, including none and all.
+  for (unsigned keepMask = 0; keepMask < 32; ++keepMask) {
+    SCOPED_TRACE(keepMask);
+    IngesterConnections connections;
+    ResolvedAddresses resolved;
+    std::vector<IngesterConnection*> kept;
+    for (uint16_t i = 0; i < 5; ++i) {
+      connections.push_back(connection(static_cast<uint16_t>(40000 + i)));
+      if (keepMask & (1u << i)) {
+        resolved.emplace_back(loopbackAddress(static_cast<uint16_t>(40000 + i)));
+        kept.push_back(connections.back().get());
+      }
+    }
+    resolved.emplace_back(ConnectionError{"gone", "1", "not used by this stage"});
+
+    dropVanished(connections, resolved);
+
+    std::vector<IngesterConnection*> left;
+    for (const auto& con : connections) left.push_back(con.get());
+    EXPECT_THAT(left, UnorderedElementsAreArray(kept));
+  }
+}
+
+TEST_F(Forwarding, DrainStopsAtAFrontEventWhoseContextIsNotReady) {
+  IngestContextsMap contexts(log);
+  IngesterConnections connections;
+  connections.push_back(connection());
+  EventQueue events{event("a"), event("b")};
+  // Connecting connections refuse data, and context 0 isn't ready anywhere: nothing moves.
+  drainEvents(events, connections, contexts);
+  EXPECT_THAT(texts(events), ElementsAre("a", "b"));
+  EXPECT_TRUE(connections[0]->unacknowledged.empty());
+}
+
+}  // namespace
