@@ -1,0 +1,10 @@
+// The sink's TLS identity: "brindlewood.crt" and "brindlewood.key" in the working directory,
+// made on the spot as a self-signed pair when both are missing. Internal to sink/.
+#pragma once
+
+#include "support/log.h"
+
+/// True if both files are there afterwards. Makes an EC P-256 key and a certificate valid for ten
+/// years when neither file exists; refuses (ERROR line, false) when only one of them does, so as
+/// not to overwrite half of somebody's pair.
+bool ensureCertificate(const Log& log);

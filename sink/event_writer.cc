@@ -1,0 +1,98 @@
+#include "sink/event_writer.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+namespace {
+
+void appendNumber(std::string& out, uint64_t value) {
+  char digits[20];
+  const auto result = std::to_chars(digits, digits + sizeof digits, value);
+  out.append(digits, result.ptr);
+}
+
+constexpr char EVENT_END[] = "\"}\n";
+
+}  // namespace
+
+EventWriter::EventWriter(const Log& parent, int descriptor, bool owns, OutputFormat outputFormat)
+    : log(parent.with("component", "EventWriter")),
+      fd(descriptor),
+      ownsDescriptor(owns),
+      format(outputFormat) {
+  // Escaping asks for six bytes per input byte before it shrinks back, so the largest event takes
+  // about 400 KiB of room: a buffer of 1 MiB always has room for one after a flush.
+  buffer.reserve(BUFFER_SIZE);
+  prefix.reserve(2048);
+}
+
+EventWriter::~EventWriter() {
+  if (ownsDescriptor && close(fd) == -1) {
+    const int savedErrno = errno;
+    error(log) << "Could not close the output: " << strerror(savedErrno) << std::endl;
+  }
+}
+
+void EventWriter::makeRoom(size_t needed) {
+  if (buffer.size() + needed > buffer.capacity()) flush();
+}
+
+void EventWriter::writeBatch(const std::string& token, uint32_t context, uint64_t timestamp,
+                             uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
+                             uint32_t count) {
+  if (failed) return;
+  if (format == OutputFormat::RAW) {
+    for (uint32_t i = 0; i < count; ++i) {
+      const size_t size = static_cast<size_t>(events[i].end - events[i].begin);
+      makeRoom(size);
+      buffer.append(reinterpret_cast<const char*>(events[i].begin), size);
+    }
+    return;
+  }
+
+  prefix.assign("{\"token\":\"");
+  appendEscapedJson(prefix, token.data(), token.size());
+  prefix.append("\",\"context\":");
+  appendNumber(prefix, context);
+  prefix.append(",\"timestamp\":");
+  appendNumber(prefix, timestamp);
+  prefix.append(",\"connection\":");
+  appendNumber(prefix, connection);
+  prefix.append(",\"batch\":");
+  appendNumber(prefix, batch);
+  prefix.append(",\"event\":\"");
+  for (uint32_t i = 0; i < count; ++i) {
+    const size_t size = static_cast<size_t>(events[i].end - events[i].begin);
+    makeRoom(prefix.size() + 6 * size + sizeof EVENT_END);
+    buffer.append(prefix);
+    appendEscapedJson(buffer, reinterpret_cast<const char*>(events[i].begin), size);
+    buffer.append(EVENT_END, sizeof EVENT_END - 1);
+  }
+}
+
+void EventWriter::flush() {
+  size_t written = 0;
+  while (!failed && written < buffer.size()) {
+    const ssize_t ret = write(fd, buffer.data() + written, buffer.size() - written);
+    if (ret > 0) {
+      written += static_cast<size_t>(ret);
+      continue;
+    }
+    const int savedErrno = errno;
+    if (ret == -1 && savedErrno == EINTR) continue;
+    if (ret == -1 && savedErrno == EAGAIN) {
+      // An output that was handed to us non-blocking: wait for it rather than lose events.
+      pollfd waitFor{fd, POLLOUT, 0};
+      poll(&waitFor, 1, -1);
+      continue;
+    }
+    error(log) << "Could not write events: " << strerror(ret == 0 ? EIO : savedErrno)
+               << std::endl;
+    failed = true;
+  }
+  buffer.clear();
+}

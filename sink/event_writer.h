@@ -1,0 +1,46 @@
+// The sink's event output: a large buffer that is handed to the kernel in large write(2) calls,
+// never per line. Internal to sink/.
+//
+// Main thread only. In the steady state appending allocates nothing.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "sink/sink_options.h"
+#include "sources/log_event.h"
+#include "support/log.h"
+
+class EventWriter {
+ public:
+  static constexpr size_t BUFFER_SIZE = 1 << 20;
+
+  /// Writes to `fd`, which it closes at the end if `ownsDescriptor`. Does not flush on
+  /// destruction: whoever ends the run flushes.
+  EventWriter(const Log& log, int fd, bool ownsDescriptor, OutputFormat format);
+  ~EventWriter();
+  EventWriter(const EventWriter&) = delete;
+  EventWriter& operator=(const EventWriter&) = delete;
+
+  /// Appends one batch, each event as one JSON line or as its bare bytes. May flush first, when
+  /// the buffer could not take the next event.
+  void writeBatch(const std::string& token, uint32_t context, uint64_t timestamp,
+                  uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
+                  uint32_t count);
+  /// Hands all buffered bytes to the kernel, waiting while a non-blocking output is full. On a
+  /// write error it logs once, drops the data and discards everything from then on.
+  void flush();
+  bool hasFailed() const { return failed; }
+  size_t buffered() const { return buffer.size(); }
+
+ private:
+  void makeRoom(size_t needed);
+
+  Log log;
+  int fd;
+  bool ownsDescriptor;
+  OutputFormat format;
+  bool failed = false;
+  std::string buffer;
+  std::string prefix;  // the JSON fields that all events of a batch share
+};

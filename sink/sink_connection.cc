@@ -1,0 +1,226 @@
+#include "sink/sink_connection.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "protocol/ingest_contexts_map.h"
+#include "protocol/network_packet.h"
+
+namespace {
+
+uint64_t monotonicNanos() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
+}
+
+const std::string INJECTED_ERROR = "injected error";
+const std::string TOKEN_REFUSED = "write token refused";
+const std::string UNREGISTERED_TOKEN;
+const SinkOptions NO_FAULTS;
+
+}  // namespace
+
+CommandSet SinkHandler::acceptedCommands() const {
+  CommandSet set;
+  set.insert(CmdRegisterIngestContext::ID);
+  set.insert(CmdIngestLogEvents::ID);
+  set.insert(CmdIngestConfig::ID);
+  return set;
+}
+
+SinkConnection::SinkConnection(const Log& log, const ConnectionInfo& info, int socket,
+                               uint64_t connectionNumber, SinkShared& sinkShared)
+    : NetworkConnection(log, info, socket, true),
+      shared(sinkShared),
+      number(connectionNumber),
+      faults(!sinkShared.options.faultyConnections || connectionNumber < *sinkShared.options.faultyConnections
+                 ? sinkShared.options
+                 : NO_FAULTS) {
+  setHandler(std::make_unique<NetworkCmdHandler<SinkHandler>>(this));
+  // The agent closes its side when it is done; answer in kind so the connection can finish.
+  setReadClosedHandler([this] { finish(); });
+  // A count of 0 means right after the handshake.
+  setEstablishedHandler([this] {
+    armFaults();
+    applyFaults();
+  });
+  registerAt(&shared.loop);
+}
+
+void SinkConnection::parseRecvBuffer() {
+  // The TLS read goes on until OpenSSL has nothing more, also after a stall became due: what
+  // comes in meanwhile stays in the receive buffer until the stall is over.
+  if (holding) return;
+  NetworkConnection::parseRecvBuffer();
+  if (!pendingAcks.empty()) {
+    // An acknowledgement promises that the batch is safe with us: its events go to the kernel
+    // before the promise does.
+    shared.writer.flush();
+    if (canSend()) {
+      for (const uint64_t batch : pendingAcks) send(CmdIngestLogAck{0, batch, 0});
+    }
+    pendingAcks.clear();
+  }
+  applyFaults();
+}
+
+void SinkConnection::registerContext(const CmdRegisterIngestContext& cmd) {
+  if (!canSend()) return;
+  if (faults.refuseToken && cmd.writeToken == *faults.refuseToken) {
+    send(CmdIngestContextRegistered{cmd.context, TOKEN_REFUSED});
+    return;
+  }
+  contexts[cmd.context].token = cmd.writeToken;
+  send(CmdIngestContextRegistered{cmd.context, std::string()});
+}
+
+void SinkConnection::configureContext(const CmdIngestConfig& cmd) {
+  if (!canSend()) return;
+  Context& context = contexts[cmd.context];
+  const auto ack = cmd.integerOptions.find(ENABLE_ACK);
+  context.acknowledge = ack != cmd.integerOptions.end() && ack->second == 1;
+
+  const std::vector<std::string>& omit = faults.configOmit;
+  auto taken = [&](const std::string& name) {
+    return std::find(omit.begin(), omit.end(), name) == omit.end();
+  };
+  CmdIngestConfigAck answer{cmd.context, {}};
+  for (const auto& [name, value] : cmd.integerOptions) {
+    if (taken(name)) answer.options.push_back(name);
+  }
+  for (const auto& [name, value] : cmd.stringOptions) {
+    if (taken(name)) answer.options.push_back(name);
+  }
+  for (const std::string& name : faults.configExtra) answer.options.push_back(name);
+  send(answer);
+}
+
+void SinkConnection::takeBatch(const CmdIngestLogEvents& cmd) {
+  if (refusing) return;
+  const uint64_t batch = batchesTaken++;
+  const auto found = contexts.find(cmd.context);
+  // A batch for a context that was never registered is still written, with an empty token.
+  const Context* context = found == contexts.end() ? nullptr : &found->second;
+  shared.writer.writeBatch(context ? context->token : UNREGISTERED_TOKEN, cmd.context,
+                           cmd.timestamp, number, batch, cmd.events, cmd.count);
+
+  SinkStats& stats = shared.stats;
+  for (uint32_t i = 0; i < cmd.count; ++i) {
+    stats.bytes += static_cast<uint64_t>(cmd.events[i].end - cmd.events[i].begin);
+  }
+  stats.events += cmd.count;
+  ++stats.batches;
+  if (cmd.count > 0) {
+    stats.lastEventNanos = monotonicNanos();
+    if (stats.firstEventNanos == 0) stats.firstEventNanos = stats.lastEventNanos;
+  }
+
+  if (context && context->acknowledge && !faults.noAck) pendingAcks.push_back(batch);
+  armFaults();
+}
+
+void SinkConnection::armFaults() {
+  const SinkOptions& options = faults;
+  auto reached = [this](const std::optional<uint64_t>& after) {
+    return after && batchesTaken >= *after;
+  };
+  if (reached(options.errorAfter) && !errorDue) errorDue = refusing = true;
+  if (reached(options.closeAfter) && !closeDue) closeDue = refusing = true;
+  if (reached(options.sendUnacceptedAfter) && !unacceptedDue) unacceptedDue = refusing = true;
+  if (options.stallAfter && shared.stats.batches >= *options.stallAfter) stallDue = true;
+}
+
+void SinkConnection::applyFaults() {
+  if (errorDue && !errorDone) {
+    errorDone = true;
+    if (canSend()) {
+      info(log) << "Injecting an error on the connection from " << connectionInfo << std::endl;
+      send(CmdError{INJECTED_ERROR});
+    }
+  }
+  if (unacceptedDue && !unacceptedDone) {
+    unacceptedDone = true;
+    if (canSend()) {
+      info(log) << "Injecting an unaccepted command on the connection from " << connectionInfo
+                << std::endl;
+      OutgoingPacket packet(this, CmdCompleted::ID, 0);
+    }
+  }
+  if (closeDue && !closeDone) {
+    closeDone = true;
+    info(log) << "Injecting a" << (faults.abrupt ? "n abrupt" : "") << " close of "
+              << "the connection from " << connectionInfo << std::endl;
+    if (faults.abrupt) {
+      abruptPending = true;
+      scheduleDeferred();
+    } else {
+      finish();
+    }
+  }
+  if (stallDue && !stallDone) {
+    stallDone = true;
+    stallPending = true;
+    holding = true;
+    scheduleDeferred();
+  }
+}
+
+void SinkConnection::scheduleDeferred() {
+  if (deferredScheduled) return;
+  deferredScheduled = true;
+  shared.loop.addTimeout(0, &deferredKey, [this] {
+    runDeferred();
+    return true;
+  });
+}
+
+void SinkConnection::runDeferred() {
+  deferredScheduled = false;
+  if (abruptPending) {
+    abruptPending = false;
+    stallPending = false;
+    // Shutting the socket down, not just closing it, makes sure the peer sees the end even
+    // though OpenSSL still holds the descriptor; no TLS close goes out.
+    if (socket != -1 && shutdown(socket, SHUT_RDWR) == -1) {
+      const int savedErrno = errno;
+      error(log) << "Could not shut the socket down: " << strerror(savedErrno) << std::endl;
+    }
+    failConnection();
+    return;
+  }
+  if (stallPending) {
+    stallPending = false;
+    if (isDead()) {
+      holding = false;
+      return;
+    }
+    info(log.with("stall_ms", faults.stallNanos / 1'000'000))
+        << "Stalling the connection from " << connectionInfo << std::endl;
+    deregister();
+    resumeScheduled = true;
+    shared.loop.addTimeout(faults.stallNanos, &resumeKey, [this] {
+      resumeReading();
+      return true;
+    });
+  }
+}
+
+void SinkConnection::resumeReading() {
+  resumeScheduled = false;
+  holding = false;
+  if (isDead()) return;
+  info(log) << "Resuming the connection from " << connectionInfo << std::endl;
+  // registerAt() re-arms the interest and reads what OpenSSL may already hold; what was held
+  // in the receive buffer needs a parse of its own in case nothing new arrives.
+  registerAt(&shared.loop);
+  if (!isDead()) parseRecvBuffer();
+}
+
+bool SinkConnection::collectable() const {
+  return isDead() && !deferredScheduled && !resumeScheduled;
+}

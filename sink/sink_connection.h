@@ -1,0 +1,112 @@
+// One accepted agent connection of the sink: answers registrations and configurations, writes
+// the events of every batch to the shared output, acknowledges batches once their events were
+// handed to the kernel, and injects the faults the command line asks for. Internal to sink/.
+//
+// Main thread only. The sink owns its connections and destroys them only from its sweep, never
+// from one of their own callbacks; collectable() says when that is safe.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "loop/event_loop.h"
+#include "net/network_connection.h"
+#include "protocol/network_command.h"
+#include "sink/event_writer.h"
+#include "sink/sink_options.h"
+
+/// Totals of the whole sink since it started.
+struct SinkStats {
+  uint64_t connections = 0;
+  uint64_t batches = 0;
+  uint64_t events = 0;
+  uint64_t bytes = 0;
+  uint64_t firstEventNanos = 0;  // monotonic; 0 until the first event
+  uint64_t lastEventNanos = 0;
+};
+
+/// What all connections of one sink share; owned by the sink, outlives every connection.
+struct SinkShared {
+  const SinkOptions& options;
+  EventLoop& loop;
+  EventWriter& writer;
+  SinkStats stats;
+};
+
+class SinkConnection : public NetworkConnection {
+ public:
+  /// Takes over the accepted `socket`, sets up the TLS server side and registers at the loop.
+  /// `number` names the connection in the output, counting from 0 in accepting order.
+  SinkConnection(const Log& log, const ConnectionInfo& info, int socket, uint64_t number,
+                 SinkShared& shared);
+
+  /// Base parse, then flush the output and send the acknowledgements of this burst, then carry
+  /// out the faults that became due. Parses nothing while a stall holds the connection.
+  void parseRecvBuffer() override;
+
+  // Handlers of the three commands an agent sends; called from within parseRecvBuffer.
+  void registerContext(const CmdRegisterIngestContext& cmd);
+  void configureContext(const CmdIngestConfig& cmd);
+  void takeBatch(const CmdIngestLogEvents& cmd);
+
+  /// FAILED or FINISHED, and no timer of this connection is pending.
+  bool collectable() const;
+
+ private:
+  struct Context {
+    std::string token;
+    bool acknowledge = false;
+  };
+
+  bool canSend() const { return state == ESTABLISHED || state == CLOSED_READ; }
+  bool isDead() const { return state == FAILED || state == FINISHED; }
+  /// Marks the faults whose count has been reached as due.
+  void armFaults();
+  void applyFaults();
+  /// Runs from a zero-delay timeout, outside of every callback of this connection: that is where
+  /// it is safe to shut the socket down or to leave the loop.
+  void scheduleDeferred();
+  void runDeferred();
+  void resumeReading();
+
+  SinkShared& shared;
+  const uint64_t number;
+  /// The fault flags in force on this connection: the command line's, or none at all.
+  const SinkOptions& faults;
+  std::unordered_map<uint32_t, Context> contexts;
+  uint64_t batchesTaken = 0;
+  std::vector<uint64_t> pendingAcks;  // reused: no allocation per burst once grown
+
+  // Each fault goes due once and is carried out once.
+  bool errorDue = false, errorDone = false;
+  bool closeDue = false, closeDone = false;
+  bool unacceptedDue = false, unacceptedDone = false;
+  bool stallDue = false, stallDone = false;
+  // After a fault that ends the connection, further batches are dropped unwritten and
+  // unacknowledged, as by a server that has gone away; the agent sends them again elsewhere.
+  bool refusing = false;
+
+  bool holding = false;  // a stall is due or running: received bytes wait unparsed
+  bool abruptPending = false;
+  bool stallPending = false;
+  bool deferredScheduled = false;
+  bool resumeScheduled = false;
+  char deferredKey = 0;  // timer keys: their addresses live exactly as long as this object
+  char resumeKey = 0;
+};
+
+/// The handler class for NetworkCmdHandler: the three ids an agent sends, nothing else.
+class SinkHandler {
+ public:
+  explicit SinkHandler(SinkConnection* connection) : con(connection) {}
+
+  CommandSet acceptedCommands() const;
+  void operator()(CmdRegisterIngestContext&& cmd) { con->registerContext(cmd); }
+  void operator()(CmdIngestLogEvents&& cmd) { con->takeBatch(cmd); }
+  void operator()(CmdIngestConfig&& cmd) { con->configureContext(cmd); }
+
+ private:
+  SinkConnection* con;  // the connection owning this handler
+};

@@ -1,0 +1,553 @@
+// drover-sink as a black box: the real binary on an ephemeral port in a fresh directory, driven
+// by a TLS client made of the protocol's own classes on a test loop.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "loop/event_loop.h"
+#include "net/network_connection.h"
+#include "protocol/network_command.h"
+#include "protocol/network_packet.h"
+#include "support/log.h"
+#include "tests/support/test_helpers.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+// A running drover-sink. Its standard output goes to the file "stdout" in its directory, its
+// standard error to a reader thread. Killed at destruction if it is still running.
+class SinkProcess {
+ public:
+  SinkProcess(const TempDir& dir, const std::vector<std::string>& flags) {
+    std::vector<std::string> words = {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0",
+                                      "--print-port"};
+    words.insert(words.end(), flags.begin(), flags.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    const std::string outPath = dir.file("stdout");
+
+    int errPipe[2];
+    if (pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    pid = fork();
+    if (pid == 0) {
+      const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (out == -1 || dup2(out, 1) == -1 || dup2(errPipe[1], 2) == -1) _exit(127);
+      if (chdir(dir.path().c_str()) != 0) _exit(127);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(errPipe[1]);
+    reader = std::thread([this, fd = errPipe[0]] {
+      char chunk[4096];
+      while (true) {
+        const ssize_t got = read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        std::lock_guard<std::mutex> lock(mutex);
+        errText.append(chunk, static_cast<size_t>(got));
+        changed.notify_all();
+      }
+      close(fd);
+      std::lock_guard<std::mutex> lock(mutex);
+      errClosed = true;
+      changed.notify_all();
+    });
+  }
+
+  ~SinkProcess() {
+    if (pid > 0) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+    reader.join();
+  }
+
+  /// The port from --print-port: the one line of standard error that is a bare number.
+  uint16_t port() {
+    std::unique_lock<std::mutex> lock(mutex);
+    uint16_t found = 0;
+    changed.wait_for(lock, 10s, [&] {
+      for (const std::string& line : splitLines(errText)) {
+        if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) {
+          found = static_cast<uint16_t>(std::stoul(line));
+        }
+      }
+      return found != 0 || errClosed;
+    });
+    return found;
+  }
+
+  /// Waits for the process to end by itself; its exit status, or -1 if it didn't exit in time.
+  int waitForExit(std::chrono::milliseconds limit = 10s) {
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (!changed.wait_for(lock, limit, [&] { return errClosed; })) return -1;
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  int terminate() {
+    kill(pid, SIGTERM);
+    return waitForExit();
+  }
+
+  std::string err() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return errText;
+  }
+
+  /// Whether `text` shows up on standard error within `limit`: a line may be written after the
+  /// event that the test saw.
+  bool errGets(const std::string& text, std::chrono::milliseconds limit = 5s) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, limit, [&] {
+      return errText.find(text) != std::string::npos || errClosed;
+    }) && errText.find(text) != std::string::npos;
+  }
+
+ private:
+  pid_t pid = -1;
+  std::thread reader;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::string errText;
+  bool errClosed = false;
+};
+
+ConnectionInfo loopback(uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addrinfo entry{};
+  entry.ai_family = AF_INET;
+  entry.ai_socktype = SOCK_STREAM;
+  entry.ai_protocol = IPPROTO_TCP;
+  entry.ai_addrlen = sizeof address;
+  entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
+  return ConnectionInfo(entry, ConnectionString("127.0.0.1", std::to_string(port)));
+}
+
+// A client connection that can also put arbitrary bytes on the wire, for hostile peers.
+class ClientConnection : public NetworkConnection {
+ public:
+  ClientConnection(const Log& log, uint16_t port) : NetworkConnection(log, loopback(port), true) {}
+
+  /// `bytes` (at least a header's worth) exactly as given, header included.
+  void sendRaw(const std::string& bytes) {
+    OutgoingPacket packet(this, 0, static_cast<uint32_t>(bytes.size() - PACKET_HEADER_SIZE));
+    uint8_t* header = sendWrite - PACKET_HEADER_SIZE;
+    packet.writeBytes(bytes.data() + PACKET_HEADER_SIZE, bytes.size() - PACKET_HEADER_SIZE);
+    memcpy(header, bytes.data(), PACKET_HEADER_SIZE);
+  }
+};
+
+struct Received {
+  std::vector<CmdIngestContextRegistered> registered;
+  std::vector<CmdIngestConfigAck> configAcks;
+  std::vector<uint64_t> acks;
+  std::vector<std::string> errors;
+};
+
+// What an agent accepts from an ingester, recorded.
+class ClientHandler {
+ public:
+  explicit ClientHandler(Received* into) : got(into) {}
+  CommandSet acceptedCommands() const {
+    CommandSet set;
+    for (uint16_t id : {0, 3, 50, 51}) set.insert(id);
+    return set;
+  }
+  void operator()(CmdError&& cmd) { got->errors.push_back(cmd.message); }
+  void operator()(CmdIngestContextRegistered&& cmd) { got->registered.push_back(cmd); }
+  void operator()(CmdIngestConfigAck&& cmd) { got->configAcks.push_back(cmd); }
+  void operator()(CmdIngestLogAck&& cmd) { got->acks.push_back(cmd.sequence); }
+
+ private:
+  Received* got;
+};
+
+class TestClient {
+ public:
+  TestClient(EventLoop& loop, uint16_t port) : con(Log(logText), port) {
+    con.setHandler(std::make_unique<NetworkCmdHandler<ClientHandler>>(&got));
+    con.setErrorHandler([this] { failed = true; });
+    con.setFinishedHandler([this] { finished = true; });
+    con.setReadClosedHandler([this] { con.finish(); });
+    con.registerAt(&loop);
+  }
+
+  void registerToken(const std::string& token, uint32_t context) {
+    con.send(CmdRegisterIngestContext{token, context});
+  }
+  void configure(uint32_t context, uint64_t enableAck,
+                 std::map<std::string, std::string> strings = {}) {
+    con.send(CmdIngestConfig{
+        context,
+        {{"enable_ack", enableAck}, {"timestamp_divider", 1000000}, {"truncate_timestamp", 1}},
+        std::move(strings)});
+  }
+  void sendBatch(uint32_t context, uint64_t timestamp, const std::vector<std::string>& events) {
+    std::vector<EphemeralLogEvent> views;
+    for (const std::string& event : events) {
+      const auto* begin = reinterpret_cast<const uint8_t*>(event.data());
+      views.push_back({begin, begin + event.size()});
+    }
+    con.send(CmdIngestLogEvents{context, timestamp, views.data(),
+                                static_cast<uint32_t>(views.size())});
+  }
+
+  std::ostringstream logText;  // the connection's log; declared first, it outlives the connection
+  Received got;
+  bool failed = false;
+  bool finished = false;
+  ClientConnection con;
+};
+
+class SinkTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { NetworkConnection::Initialize(Log(std::cerr), false, true); }
+
+  SinkTest() : loop(Log(loopLog)) {
+    // The loop ignores SIGCHLD, which would reap the sink behind our back and lose its status.
+    signal(SIGCHLD, SIG_DFL);
+  }
+
+  std::unique_ptr<SinkProcess> startSink(const std::vector<std::string>& flags = {}) {
+    auto sink = std::make_unique<SinkProcess>(dir, flags);
+    port = sink->port();
+    EXPECT_NE(port, 0) << sink->err();
+    return sink;
+  }
+  std::unique_ptr<TestClient> connect() { return std::make_unique<TestClient>(loop, port); }
+
+  bool run(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
+    return runUntil(loop, done, limit);
+  }
+
+  /// Registers and configures one context and waits for both answers.
+  void negotiate(TestClient& client, const std::string& token, uint32_t context,
+                 uint64_t enableAck) {
+    const size_t before = client.got.configAcks.size();
+    client.registerToken(token, context);
+    client.configure(context, enableAck);
+    ASSERT_TRUE(run([&] { return client.got.configAcks.size() > before; }));
+  }
+
+  /// A registration and its answer. The sink handles a connection's packets in order, so
+  /// whatever it was going to send for earlier packets has arrived once this returns.
+  void roundTrip(TestClient& client) {
+    const size_t before = client.got.registered.size();
+    client.registerToken("barrier", 999);
+    ASSERT_TRUE(run([&] { return client.got.registered.size() > before; }));
+  }
+
+  std::string output() { return readFile(dir.file("stdout")); }
+
+  TempDir dir;
+  std::ostringstream loopLog;
+  EventLoop loop;
+  uint16_t port = 0;
+};
+
+TEST_F(SinkTest, NegotiatesAndAcknowledgesBatchesByTheirNumberOnTheConnection) {
+  auto sink = startSink();
+  auto client = connect();
+  client->registerToken("acked", 0);
+  client->registerToken("silent", 1);
+  client->configure(0, 1);
+  client->configure(1, 0, {{"parser", "json"}});
+  ASSERT_TRUE(run([&] { return client->got.configAcks.size() == 2; }));
+  ASSERT_EQ(client->got.registered.size(), 2u);
+  EXPECT_EQ(client->got.registered[0].context, 0u);
+  EXPECT_EQ(client->got.registered[0].error, "");
+  EXPECT_EQ(client->got.registered[1].context, 1u);
+  EXPECT_EQ(client->got.configAcks[0].context, 0u);
+  EXPECT_THAT(client->got.configAcks[0].options,
+              ElementsAre("enable_ack", "timestamp_divider", "truncate_timestamp"));
+  EXPECT_THAT(client->got.configAcks[1].options,
+              ElementsAre("enable_ack", "timestamp_divider", "truncate_timestamp", "parser"));
+
+  // Batches are numbered across contexts; only those of the acknowledged context are answered.
+  client->sendBatch(0, 1, {"a\n"});
+  client->sendBatch(1, 2, {"b\n", "c\n"});
+  client->sendBatch(0, 3, {"d\n"});
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 2; }));
+  roundTrip(*client);
+  EXPECT_THAT(client->got.acks, ElementsAre(0u, 2u));
+
+  // A second connection counts its own batches from 0.
+  auto second = connect();
+  negotiate(*second, "acked", 0, 1);
+  second->sendBatch(0, 4, {"e\n"});
+  ASSERT_TRUE(run([&] { return second->got.acks.size() == 1; }));
+  EXPECT_EQ(second->got.acks[0], 0u);
+  const std::vector<std::string> lines = splitLines(output());
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_THAT(lines[4], HasSubstr("\"connection\":1,\"batch\":0,"));
+
+  EXPECT_EQ(sink->terminate(), 0);
+  EXPECT_THAT(sink->err(), HasSubstr("\"events\":\"5\", \"batches\":\"4\", \"connections\":\"2\""));
+}
+
+TEST_F(SinkTest, WritesOneJsonLinePerEventByteForByte) {
+  auto sink = startSink();
+  auto client = connect();
+  negotiate(*client, "to\"k", 7, 1);
+  client->sendBatch(7, 1700000000123456789ull,
+                    {"plain\n", "q\"uote\\\n", std::string("nul\0byte\n", 9), ""});
+  // The acknowledgement comes only after the events were written.
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 1; }));
+  const std::string prefix =
+      "{\"token\":\"to\\\"k\",\"context\":7,\"timestamp\":1700000000123456789,"
+      "\"connection\":0,\"batch\":0,\"event\":\"";
+  EXPECT_EQ(output(), prefix + "plain\\u000A\"}\n" +                //
+                          prefix + "q\\\"uote\\\\\\u000A\"}\n" +    //
+                          prefix + "nul\\u0000byte\\u000A\"}\n" +  //
+                          prefix + "\"}\n");
+}
+
+TEST_F(SinkTest, RawFormatWritesTheBareBytesToTheOutFile) {
+  auto sink = startSink({"--format", "raw", "--out", "events.raw"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  client->sendBatch(0, 1, {"one\n", std::string("t\0o\n", 4)});
+  client->sendBatch(0, 2, {"three"});
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 2; }));
+  EXPECT_EQ(readFile(dir.file("events.raw")), std::string("one\nt\0o\nthree", 13));
+  EXPECT_EQ(output(), "");
+}
+
+TEST_F(SinkTest, RefusesTokensAndBendsConfigurationAnswersOnRequest) {
+  auto sink = startSink({"--refuse-token", "bad", "--config-omit", "timestamp_divider",
+                         "--config-extra", "bogus"});
+  auto client = connect();
+  client->registerToken("bad", 0);
+  client->registerToken("good", 1);
+  client->configure(1, 1);
+  ASSERT_TRUE(run([&] { return client->got.configAcks.size() == 1; }));
+  ASSERT_EQ(client->got.registered.size(), 2u);
+  EXPECT_EQ(client->got.registered[0].error, "write token refused");
+  EXPECT_EQ(client->got.registered[1].error, "");
+  EXPECT_THAT(client->got.configAcks[0].options,
+              ElementsAre("enable_ack", "truncate_timestamp", "bogus"));
+}
+
+TEST_F(SinkTest, ErrorAfterSendsTheErrorOnceAndDropsLaterBatches) {
+  auto sink = startSink({"--error-after", "2"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  for (uint64_t i = 0; i < 3; ++i) client->sendBatch(0, i, {"x\n"});
+  ASSERT_TRUE(run([&] { return !client->got.errors.empty(); }));
+  client->sendBatch(0, 9, {"y\n"});
+  roundTrip(*client);
+  EXPECT_THAT(client->got.errors, ElementsAre("injected error"));
+  EXPECT_THAT(client->got.acks, ElementsAre(0u, 1u));
+  EXPECT_EQ(splitLines(output()).size(), 2u);
+}
+
+TEST_F(SinkTest, FaultyConnectionsLimitsTheFaultsToTheFirstConnections) {
+  auto sink = startSink({"--error-after", "1", "--faulty-connections", "1"});
+  auto first = connect();
+  negotiate(*first, "t", 0, 1);
+  first->sendBatch(0, 1, {"x\n"});
+  ASSERT_TRUE(run([&] { return !first->got.errors.empty(); }));
+  auto second = connect();
+  negotiate(*second, "t", 0, 1);
+  for (uint64_t i = 0; i < 3; ++i) second->sendBatch(0, i, {"y\n"});
+  ASSERT_TRUE(run([&] { return second->got.acks.size() == 3; }));
+  EXPECT_TRUE(second->got.errors.empty());
+}
+
+TEST_F(SinkTest, CloseAfterClosesInOrderAndAbruptlyWithoutTlsClose) {
+  for (const bool abrupt : {false, true}) {
+    SCOPED_TRACE(abrupt ? "abrupt" : "orderly");
+    std::vector<std::string> flags = {"--close-after", "2"};
+    if (abrupt) flags.push_back("--abrupt");
+    auto sink = startSink(flags);
+    auto client = connect();
+    negotiate(*client, "t", 0, 1);
+    client->sendBatch(0, 1, {"x\n"});
+    client->sendBatch(0, 2, {"x\n"});
+    ASSERT_TRUE(run([&] { return client->failed || client->finished; }));
+    EXPECT_EQ(client->finished, !abrupt);
+    EXPECT_EQ(client->failed, abrupt);
+    if (!abrupt) {
+      EXPECT_THAT(client->got.acks, ElementsAre(0u, 1u));
+    }
+  }
+}
+
+TEST_F(SinkTest, NoAckWritesEventsButNeverAcknowledges) {
+  auto sink = startSink({"--no-ack"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  client->sendBatch(0, 1, {"x\n"});
+  // The periodic flush, at least once a second, writes what no acknowledgement pushed out.
+  ASSERT_TRUE(run([&] { return !output().empty(); }, 3s));
+  roundTrip(*client);
+  EXPECT_THAT(client->got.acks, IsEmpty());
+}
+
+TEST_F(SinkTest, StallStopsReadingForTheGivenTime) {
+  auto sink = startSink({"--stall-after", "1", "--stall-seconds", "1"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  client->sendBatch(0, 1, {"x\n"});
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 1; }));
+  const auto sent = std::chrono::steady_clock::now();
+  client->sendBatch(0, 2, {"y\n"});
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 2; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - sent, 600ms);
+  // Once per connection: a second stall would hold this batch for another second.
+  const auto again = std::chrono::steady_clock::now();
+  client->sendBatch(0, 3, {"z\n"});
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 3; }));
+  EXPECT_LT(std::chrono::steady_clock::now() - again, 600ms);
+}
+
+TEST_F(SinkTest, SendUnacceptedAfterMakesTheAgentSideFail) {
+  auto sink = startSink({"--send-unaccepted-after", "1"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  client->sendBatch(0, 1, {"x\n"});
+  ASSERT_TRUE(run([&] { return client->failed; }));
+  EXPECT_THAT(client->got.acks, ElementsAre(0u));
+  EXPECT_THAT(client->logText.str(), HasSubstr("Received unaccepted command: 1"));
+}
+
+TEST_F(SinkTest, HostileClientsEndOnlyTheirOwnConnection) {
+  auto sink = startSink();
+  auto good = connect();
+  negotiate(*good, "t", 0, 1);
+
+  auto le32 = [](uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
+  const struct {
+    const char* name;
+    std::string bytes;
+    const char* sinkLine;
+  } cases[] = {
+      {"header of length 5", le32(5) + std::string("\x04\0", 2),
+       "Received packet too small (5), terminating connection"},
+      {"oversized length", le32(268435457) + std::string("\x04\0", 2),
+       "Received package too large (268435457), terminating connection"},
+      {"unknown id", le32(6) + std::string("\x07\0", 2), "Received unaccepted command: 7"},
+      // A batch that promises two events and carries one.
+      {"truncated field",
+       le32(6 + 16 + 3) + std::string("\x04\0", 2) + le32(0) + std::string(8, '\0') + le32(2) +
+           std::string("\x01\0x", 3),
+       "Incoming packet data would extend beyond packet."},
+  };
+  uint64_t batches = 0;
+  for (const auto& hostile : cases) {
+    SCOPED_TRACE(hostile.name);
+    auto client = connect();
+    client->con.sendRaw(hostile.bytes);
+    ASSERT_TRUE(run([&] { return client->failed; }));
+    good->sendBatch(0, ++batches, {"still here\n"});
+    ASSERT_TRUE(run([&] { return good->got.acks.size() == batches; }));
+    EXPECT_TRUE(sink->errGets(hostile.sinkLine));
+  }
+  EXPECT_TRUE(sink->errGets("Failed to parse incoming command: 4"));
+  EXPECT_EQ(sink->terminate(), 0);
+}
+
+TEST_F(SinkTest, ExitsByItselfAfterEnoughEventsOrIdleTime) {
+  {
+    auto sink = startSink({"--exit-after-events", "3", "--no-ack"});
+    auto client = connect();
+    negotiate(*client, "t", 0, 1);
+    client->sendBatch(0, 1, {"1\n", "2\n"});
+    client->sendBatch(0, 2, {"3\n", "4\n"});
+    // The client loop has to run for the bytes to leave; the sink's exit ends the wait.
+    run([&] { return client->failed; });
+    EXPECT_EQ(sink->waitForExit(), 0);
+    EXPECT_EQ(splitLines(output()).size(), 4u);
+  }
+  {
+    auto sink = startSink({"--exit-after-idle", "0.2", "--no-ack"});
+    auto client = connect();
+    negotiate(*client, "t", 0, 1);
+    client->sendBatch(0, 1, {"1\n"});
+    run([&] { return client->failed; });
+    EXPECT_EQ(sink->waitForExit(), 0);
+    EXPECT_EQ(splitLines(output()).size(), 1u);
+  }
+}
+
+TEST_F(SinkTest, TerminationFlushesWhatIsBuffered) {
+  auto sink = startSink({"--no-ack"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  client->sendBatch(0, 1, {"x\n", "y\n"});
+  roundTrip(*client);
+  EXPECT_EQ(sink->terminate(), 0);
+  EXPECT_EQ(splitLines(output()).size(), 2u);
+  EXPECT_THAT(sink->err(), HasSubstr("\"message\": \"Intake total\""));
+}
+
+TEST_F(SinkTest, MakesAKeyPairOnlyWhenNoneIsThere) {
+  {
+    auto sink = startSink();
+    EXPECT_EQ(sink->terminate(), 0);
+    EXPECT_THAT(sink->err(), HasSubstr("Made a self-signed certificate and key"));
+  }
+  struct stat key {};
+  ASSERT_EQ(stat(dir.file("brindlewood.key").c_str(), &key), 0);
+  EXPECT_EQ(key.st_mode & 0777, 0600u);
+  auto sink = startSink();
+  EXPECT_EQ(sink->terminate(), 0);
+  EXPECT_THAT(sink->err(), Not(HasSubstr("Made a self-signed")));
+}
+
+TEST(SinkCommandLine, RefusesBadFlagsWithStatus2AndNamesThem) {
+  const std::vector<std::vector<std::string>> cases = {
+      {"--bogus"},
+      {"--listen", "localhost:9000"},
+      {"--listen", "127.0.0.1:65536"},
+      {"--format", "xml"},
+      {"--exit-after-events"},
+      {"--exit-after-events", "-1"},
+      {"--report-interval", "0"},
+      {"--abrupt"},
+      {"--stall-after", "3"},
+  };
+  for (const auto& flags : cases) {
+    SCOPED_TRACE(flags[0]);
+    std::vector<std::string> argv = {DROVER_SINK_BINARY};
+    argv.insert(argv.end(), flags.begin(), flags.end());
+    const ProcessResult result = runProcess(argv, 10s);
+    EXPECT_EQ(result.exitCode, 2);
+    const std::vector<std::string> lines = splitLines(result.err);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_THAT(lines[0], HasSubstr(flags[0]));
+    EXPECT_THAT(result.err, HasSubstr("Usage: drover-sink"));
+  }
+}
+
+}  // namespace
