@@ -31,8 +31,6 @@ constexpr uint64_t SECOND = 1000000000;
 // The reader's buffer holds 65526 bytes less the prepended text, so a longer text leaves no room.
 constexpr size_t MAXIMUM_PREPEND_LENGTH = 65525;
 
-using Sources = std::vector<std::unique_ptr<LogEventSource>>;
-
 void printForwardUsage() {
   std::cerr << "Usage: drover forward [<source spec> ...] [to <connection>]" << std::endl
             << std::endl
@@ -60,10 +58,10 @@ void printForwardUsage() {
             << "  <hostname>:<port>" << std::endl;
 }
 
-// One pass from left to right. Sources open their files while the words are read. Returns false
-// after reporting the first refusal (or after `help`).
-bool parseCommandLine(const Log& log, int argc, char** argv, Sources& sources,
-                      std::vector<ConnectionString>& connectionStrings) {
+}  // namespace
+
+bool parseForwardArguments(const Log& log, int argc, char** argv, ForwardSources& sources,
+                           std::vector<ConnectionString>& connectionStrings) {
   int i = 1;
   while (const std::optional<std::string> word = argumentAt(argc, argv, i)) {
     if (*word == "tail" || *word == "stream") {
@@ -167,8 +165,6 @@ bool parseCommandLine(const Log& log, int argc, char** argv, Sources& sources,
   return true;
 }
 
-}  // namespace
-
 std::optional<ConnectionString> parseConnectionString(const Log& log, const std::string& text) {
   const std::string::size_type colon = text.rfind(':');
   if (colon == std::string::npos) {
@@ -195,13 +191,13 @@ std::optional<ConnectionString> parseConnectionString(const Log& log, const std:
 int forward(const Log& callerLog, int argc, char** argv) {
   const Log log = callerLog.with("application", "forward");
   EventLoop loop(log);
-  Sources sources;
+  ForwardSources sources;
   std::vector<ConnectionString> connectionStrings;
   IngesterConnections connections;
   std::shared_mutex resolvedMutex;
   EventQueue events;
 
-  if (!parseCommandLine(log, argc, argv, sources, connectionStrings)) return 1;
+  if (!parseForwardArguments(log, argc, argv, sources, connectionStrings)) return 1;
 
   NetworkConnection::Initialize(log, false, true);
 
