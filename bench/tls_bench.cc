@@ -23,6 +23,7 @@
 
 #include "loop/event_loop.h"
 #include "net/network_connection.h"
+#include "tests/support/address_helpers.h"
 #include "protocol/network_packet.h"
 
 namespace {
@@ -99,32 +100,6 @@ const Contexts& initializeTls() {
     return made;
   }();
   return contexts;
-}
-
-int listenOnLoopback(uint16_t* port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 4) != 0) abort();
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  *port = ntohs(address.sin_port);
-  return fd;
-}
-
-ConnectionInfo loopbackInfo(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addrinfo entry{};
-  entry.ai_family = AF_INET;
-  entry.ai_socktype = SOCK_STREAM;
-  entry.ai_protocol = IPPROTO_TCP;
-  entry.ai_addrlen = sizeof(address);
-  entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
-  return ConnectionInfo(entry, ConnectionString("127.0.0.1", std::to_string(port)));
 }
 
 void BM_ConnectionPair(benchmark::State& state) {

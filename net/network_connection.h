@@ -163,6 +163,10 @@ class NetworkConnection : public EpollListener {
 
   void proceedSSLConnect();
   void proceedSSLAccept();
+  /// The client and server handshakes differ only in the OpenSSL call, the state while waiting
+  /// and their words.
+  void proceedSSLHandshake(int (*step)(SSL*), State waiting, const char* closedText,
+                           const char* failedText);
   void proceedSSLRead();
   void proceedSSLWrite();
   void proceedSSLShutdown();

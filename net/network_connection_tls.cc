@@ -120,8 +120,19 @@ bool NetworkConnection::startSSL() {
 // every step starts from an empty queue.
 
 void NetworkConnection::proceedSSLConnect() {
+  proceedSSLHandshake(SSL_connect, SSL_CONNECTING, "Remote end closed connection, error ",
+                      "SSL_connect returned unknown error, ");
+}
+
+void NetworkConnection::proceedSSLAccept() {
+  proceedSSLHandshake(SSL_accept, SSL_ACCEPTING, "Remote end closed connection, during accept, ",
+                      "SSL_accept returned unknown error, ");
+}
+
+void NetworkConnection::proceedSSLHandshake(int (*step)(SSL*), State waiting, const char* closedText,
+                                            const char* failedText) {
   ERR_clear_error();
-  const int ret = SSL_connect(ssl);
+  const int ret = step(ssl);
   if (ret == 1) {
     state = ESTABLISHED;
     if (establishedHandler) establishedHandler();
@@ -129,52 +140,22 @@ void NetworkConnection::proceedSSLConnect() {
     return;
   }
   if (ret == 0) {
-    error(log) << "Remote end closed connection, error " << sslErrorText() << std::endl;
+    error(log) << closedText << sslErrorText() << std::endl;
     failConnection();
     return;
   }
   assert(ret < 0);
   switch (SSL_get_error(ssl, ret)) {
     case SSL_ERROR_WANT_READ:
-      state = SSL_CONNECTING;
+      state = waiting;
       loop->setEpollListener(socket, EPOLLIN, this);
       return;
     case SSL_ERROR_WANT_WRITE:
-      state = SSL_CONNECTING;
+      state = waiting;
       loop->setEpollListener(socket, EPOLLOUT, this);
       return;
     default:
-      error(log) << "SSL_connect returned unknown error, " << sslErrorText() << std::endl;
-      failConnection();
-  }
-}
-
-void NetworkConnection::proceedSSLAccept() {
-  ERR_clear_error();
-  const int ret = SSL_accept(ssl);
-  if (ret == 1) {
-    state = ESTABLISHED;
-    if (establishedHandler) establishedHandler();
-    epollListen();
-    return;
-  }
-  if (ret == 0) {
-    error(log) << "Remote end closed connection, during accept, " << sslErrorText() << std::endl;
-    failConnection();
-    return;
-  }
-  assert(ret < 0);
-  switch (SSL_get_error(ssl, ret)) {
-    case SSL_ERROR_WANT_READ:
-      state = SSL_ACCEPTING;
-      loop->setEpollListener(socket, EPOLLIN, this);
-      return;
-    case SSL_ERROR_WANT_WRITE:
-      state = SSL_ACCEPTING;
-      loop->setEpollListener(socket, EPOLLOUT, this);
-      return;
-    default:
-      error(log) << "SSL_accept returned unknown error, " << sslErrorText() << std::endl;
+      error(log) << failedText << sslErrorText() << std::endl;
       failConnection();
   }
 }

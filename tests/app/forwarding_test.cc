@@ -2,6 +2,8 @@
 // change of addresses keeps.
 #include "app/forwarding.h"
 
+#include "tests/support/address_helpers.h"
+
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,20 +15,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAreArray;
-
-ConnectionInfo loopbackAddress(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addrinfo entry{};
-  entry.ai_family = AF_INET;
-  entry.ai_socktype = SOCK_STREAM;
-  entry.ai_protocol = IPPROTO_TCP;
-  entry.ai_addrlen = sizeof address;
-  entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
-  return ConnectionInfo(entry, ConnectionString("127.0.0.1", std::to_string(port)));
-}
 
 LogEvent event(const std::string& data) { return LogEvent{0, 7, data}; }
 
@@ -42,7 +30,7 @@ class Forwarding : public ::testing::Test {
 
   // Port 1 on loopback refuses; these objects are never registered, so nothing is sent.
   std::unique_ptr<IngesterConnection> connection(uint16_t port = 1) {
-    return std::make_unique<IngesterConnection>(log, loopbackAddress(port));
+    return std::make_unique<IngesterConnection>(log, loopbackInfo(port));
   }
 
   std::ostringstream out;
@@ -82,7 +70,7 @@ TEST_F(Forwarding, DropVanishedKeepsEveryConnectionWhoseAddressIsResolved) {
     for (uint16_t i = 0; i < 5; ++i) {
       connections.push_back(connection(static_cast<uint16_t>(40000 + i)));
       if (keepMask & (1u << i)) {
-        resolved.emplace_back(loopbackAddress(static_cast<uint16_t>(40000 + i)));
+        resolved.emplace_back(loopbackInfo(static_cast<uint16_t>(40000 + i)));
         kept.push_back(connections.back().get());
       }
     }

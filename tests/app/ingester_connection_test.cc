@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/address_helpers.h"
+
 namespace {
 
 using ::testing::ElementsAre;
@@ -21,23 +23,11 @@ using ::testing::ElementsAre;
 class IngesterConnectionTest : public ::testing::Test {
  protected:
   IngesterConnectionTest() {
-    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-    EXPECT_EQ(listen(listener, 4), 0);
-    EXPECT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    addrinfo entry{};
-    entry.ai_family = AF_INET;
-    entry.ai_socktype = SOCK_STREAM;
-    entry.ai_protocol = IPPROTO_TCP;
-    entry.ai_addrlen = sizeof address;
-    entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
+    uint16_t port = 0;
+    listener = listenOnLoopback(&port);
+    EXPECT_GE(listener, 0);
     NetworkConnection::Initialize(log, false, true);
-    con = std::make_unique<IngesterConnection>(
-        log, ConnectionInfo(entry, ConnectionString("127.0.0.1", std::to_string(ntohs(address.sin_port)))));
+    con = std::make_unique<IngesterConnection>(log, loopbackInfo(port));
   }
   ~IngesterConnectionTest() override {
     con.reset();

@@ -25,6 +25,7 @@
 #include "protocol/network_command.h"
 #include "protocol/network_packet.h"
 #include "support/log.h"
+#include "tests/support/address_helpers.h"
 #include "tests/support/test_helpers.h"
 
 namespace {
@@ -139,24 +140,10 @@ class SinkProcess {
   bool errClosed = false;
 };
 
-ConnectionInfo loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addrinfo entry{};
-  entry.ai_family = AF_INET;
-  entry.ai_socktype = SOCK_STREAM;
-  entry.ai_protocol = IPPROTO_TCP;
-  entry.ai_addrlen = sizeof address;
-  entry.ai_addr = reinterpret_cast<sockaddr*>(&address);
-  return ConnectionInfo(entry, ConnectionString("127.0.0.1", std::to_string(port)));
-}
-
 // A client connection that can also put arbitrary bytes on the wire, for hostile peers.
 class ClientConnection : public NetworkConnection {
  public:
-  ClientConnection(const Log& log, uint16_t port) : NetworkConnection(log, loopback(port), true) {}
+  ClientConnection(const Log& log, uint16_t port) : NetworkConnection(log, loopbackInfo(port), true) {}
 
   /// `bytes` (at least a header's worth) exactly as given, header included.
   void sendRaw(const std::string& bytes) {
