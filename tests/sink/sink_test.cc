@@ -10,14 +10,11 @@
 #include <unistd.h>
 
 #include <cassert>
-#include <condition_variable>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "loop/event_loop.h"
@@ -36,108 +33,63 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 
-// A running drover-sink. Its standard output goes to the file "stdout" in its directory, its
-// standard error to a reader thread. Killed at destruction if it is still running.
+// A running drover-sink in `dir`: standard output to the file "stdout", standard error to
+// "stderr". Killed at destruction if it is still running.
 class SinkProcess {
  public:
-  SinkProcess(const TempDir& dir, const std::vector<std::string>& flags) {
-    std::vector<std::string> words = {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0",
-                                      "--print-port"};
-    words.insert(words.end(), flags.begin(), flags.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    const std::string outPath = dir.file("stdout");
-
-    int errPipe[2];
-    if (pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-    pid = fork();
-    if (pid == 0) {
-      const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (out == -1 || dup2(out, 1) == -1 || dup2(errPipe[1], 2) == -1) _exit(127);
-      if (chdir(dir.path().c_str()) != 0) _exit(127);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(errPipe[1]);
-    reader = std::thread([this, fd = errPipe[0]] {
-      char chunk[4096];
-      while (true) {
-        const ssize_t got = read(fd, chunk, sizeof chunk);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;
-        std::lock_guard<std::mutex> lock(mutex);
-        errText.append(chunk, static_cast<size_t>(got));
-        changed.notify_all();
-      }
-      close(fd);
-      std::lock_guard<std::mutex> lock(mutex);
-      errClosed = true;
-      changed.notify_all();
-    });
-  }
-
-  ~SinkProcess() {
-    if (pid > 0) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    reader.join();
-  }
+  SinkProcess(const TempDir& dir, const std::vector<std::string>& flags)
+      : errPath(fresh(dir.file("stderr"))),
+        process(command(flags), fresh(dir.file("stdout")), errPath, dir.path()) {}
 
   /// The port from --print-port: the one line of standard error that is a bare number.
   uint16_t port() {
-    std::unique_lock<std::mutex> lock(mutex);
     uint16_t found = 0;
-    changed.wait_for(lock, 10s, [&] {
-      for (const std::string& line : splitLines(errText)) {
-        if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) {
-          found = static_cast<uint16_t>(std::stoul(line));
-        }
-      }
-      return found != 0 || errClosed;
-    });
+    waitFor(
+        [&] {
+          for (const std::string& line : splitLines(err())) {
+            if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) {
+              found = static_cast<uint16_t>(std::stoul(line));
+            }
+          }
+          return found != 0;
+        },
+        10s);
     return found;
   }
 
   /// Waits for the process to end by itself; its exit status, or -1 if it didn't exit in time.
   int waitForExit(std::chrono::milliseconds limit = 10s) {
-    {
-      std::unique_lock<std::mutex> lock(mutex);
-      if (!changed.wait_for(lock, limit, [&] { return errClosed; })) return -1;
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return process.wait(limit) ? process.exitCode() : -1;
   }
 
   int terminate() {
-    kill(pid, SIGTERM);
+    process.signal(SIGTERM);
     return waitForExit();
   }
 
-  std::string err() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return errText;
-  }
+  std::string err() const { return readFile(errPath); }
 
   /// Whether `text` shows up on standard error within `limit`: a line may be written after the
   /// event that the test saw.
   bool errGets(const std::string& text, std::chrono::milliseconds limit = 5s) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, limit, [&] {
-      return errText.find(text) != std::string::npos || errClosed;
-    }) && errText.find(text) != std::string::npos;
+    return waitFor([&] { return err().find(text) != std::string::npos; }, limit);
   }
 
  private:
-  pid_t pid = -1;
-  std::thread reader;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::string errText;
-  bool errClosed = false;
+  // A sink started earlier in the same directory must not lend its port or output to this one.
+  static std::string fresh(const std::string& path) {
+    unlink(path.c_str());
+    return path;
+  }
+
+  static std::vector<std::string> command(const std::vector<std::string>& flags) {
+    std::vector<std::string> words = {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0", "--print-port"};
+    words.insert(words.end(), flags.begin(), flags.end());
+    return words;
+  }
+
+  std::string errPath;
+  ChildProcess process;
 };
 
 // A client connection that can also put arbitrary bytes on the wire, for hostile peers.
