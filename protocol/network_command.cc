@@ -155,10 +155,14 @@ bool NetworkConnection::parseCommand(uint16_t command, IncomingPacket& packet) {
     case CmdIngestConfigAck::ID: {
       const uint32_t context = packet.read<uint32_t>();
       const uint32_t count = packet.read<uint32_t>();
-      // The count is not checked against the packet: names past its end read as empty strings
-      // until the count is reached, and the packet is then refused as a whole.
+      // The count is not checked against the packet: names past its end read as empty strings,
+      // and the packet is then refused as a whole. Reading stops at the first failure, since
+      // nothing after it can change that outcome: a count of four billion must cost a failed
+      // connection, not billions of empty strings.
       std::vector<std::string> options;
-      for (uint32_t i = 0; i < count; ++i) options.push_back(packet.readString<uint16_t>());
+      for (uint32_t i = 0; i < count && !packet.failed; ++i) {
+        options.push_back(packet.readString<uint16_t>());
+      }
       return dispatch(*handler, packet, CmdIngestConfigAck{context, std::move(options)});
     }
     case CmdIngestLogAck::ID: {

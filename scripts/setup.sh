@@ -4,7 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake make pkg-config libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev python3)
+packages=(g++ cmake make pkg-config libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev python3
+          clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
