@@ -7,6 +7,8 @@
 #include <charconv>
 #include <cstring>
 
+#include "loop/event_loop.h"
+
 namespace {
 
 void appendNumber(std::string& out, uint64_t value) {
@@ -19,11 +21,13 @@ constexpr char EVENT_END[] = "\"}\n";
 
 }  // namespace
 
-EventWriter::EventWriter(const Log& parent, int descriptor, bool owns, OutputFormat outputFormat)
+EventWriter::EventWriter(const Log& parent, int descriptor, bool owns, OutputFormat outputFormat,
+                         bool stampReceived)
     : log(parent.with("component", "EventWriter")),
       fd(descriptor),
       ownsDescriptor(owns),
-      format(outputFormat) {
+      format(outputFormat),
+      receivedTime(stampReceived) {
   // Escaping asks for six bytes per input byte before it shrinks back, so the largest event takes
   // about 400 KiB of room: a buffer of 1 MiB always has room for one after a flush.
   buffer.reserve(BUFFER_SIZE);
@@ -64,6 +68,11 @@ void EventWriter::writeBatch(const std::string& token, uint32_t context, uint64_
   appendNumber(prefix, connection);
   prefix.append(",\"batch\":");
   appendNumber(prefix, batch);
+  if (receivedTime) {
+    // Wall clock, as the agent stamps its events: the difference is the delivery delay.
+    prefix.append(",\"received\":");
+    appendNumber(prefix, wallClockNanos());
+  }
   prefix.append(",\"event\":\"");
   for (uint32_t i = 0; i < count; ++i) {
     const size_t size = static_cast<size_t>(events[i].end - events[i].begin);

@@ -16,8 +16,10 @@ class EventWriter {
   static constexpr size_t BUFFER_SIZE = 1 << 20;
 
   /// Writes to `fd`, which it closes at the end if `ownsDescriptor`. Does not flush on
-  /// destruction: whoever ends the run flushes.
-  EventWriter(const Log& log, int fd, bool ownsDescriptor, OutputFormat format);
+  /// destruction: whoever ends the run flushes. With `receivedTime`, JSON lines carry the
+  /// wall-clock time at which their batch was written here.
+  EventWriter(const Log& log, int fd, bool ownsDescriptor, OutputFormat format,
+              bool receivedTime = false);
   ~EventWriter();
   EventWriter(const EventWriter&) = delete;
   EventWriter& operator=(const EventWriter&) = delete;
@@ -40,6 +42,7 @@ class EventWriter {
   int fd;
   bool ownsDescriptor;
   OutputFormat format;
+  bool receivedTime;
   bool failed = false;
   std::string buffer;
   std::string prefix;  // the JSON fields that all events of a batch share

@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
   NetworkConnection::Initialize(log, true, false);
 
   EventLoop loop(log);
-  EventWriter writer(log, out, out != STDOUT_FILENO, options.format);
+  EventWriter writer(log, out, out != STDOUT_FILENO, options.format, options.receivedTime);
   SinkServer server(log, loop, options, writer);
   if (!server.start()) return 1;
   if (options.printPort) std::cerr << server.port() << std::endl;

@@ -76,7 +76,9 @@ void SinkConnection::registerContext(const CmdRegisterIngestContext& cmd) {
     return;
   }
   contexts[cmd.context].token = cmd.writeToken;
-  send(CmdIngestContextRegistered{cmd.context, std::string()});
+  // Far above any id an agent hands out, so the answer names a context it never asked for.
+  const uint32_t answered = faults.unknownContext ? cmd.context + 1000000 : cmd.context;
+  send(CmdIngestContextRegistered{answered, std::string()});
 }
 
 void SinkConnection::configureContext(const CmdIngestConfig& cmd) {

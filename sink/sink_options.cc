@@ -138,6 +138,8 @@ std::variant<SinkOptions, UsageError> parseSinkOptions(int argc, char** argv) {
       } else {
         failure = bad(text);
       }
+    } else if (flag == "--received-time") {
+      options.receivedTime = true;
     } else if (flag == "--report-interval") {
       failure = seconds(options.reportIntervalNanos, true);
     } else if (flag == "--exit-after-events") {
@@ -169,6 +171,8 @@ std::variant<SinkOptions, UsageError> parseSinkOptions(int argc, char** argv) {
       stallSecondsGiven = true;
     } else if (flag == "--send-unaccepted-after") {
       failure = count(options.sendUnacceptedAfter);
+    } else if (flag == "--answer-unknown-context") {
+      options.unknownContext = true;
     } else if (flag == "--faulty-connections") {
       failure = count(options.faultyConnections);
     } else {
@@ -198,6 +202,8 @@ void printSinkUsage(std::ostream& out) {
          "  --print-port                write the bound port and a newline to standard error\n"
          "  --out FILE                  write events to FILE instead of standard output\n"
          "  --format json|raw           JSON lines (default) or the events' bytes alone\n"
+         "  --received-time             JSON lines also carry \"received\", the wall-clock\n"
+         "                              nanoseconds at which the batch was taken\n"
          "  --report-interval SECONDS   period of the intake report on standard error (10)\n"
          "  --exit-after-events N       exit 0 once N events were received and written\n"
          "  --exit-after-idle SECONDS   exit 0 after SECONDS without an event, from the first\n"
@@ -212,5 +218,6 @@ void printSinkUsage(std::ostream& out) {
          "  --stall-after N --stall-seconds S\n"
          "                              once N batches arrived in all, stop reading S seconds\n"
          "  --send-unaccepted-after N   send a command the agent does not accept after N batches\n"
+         "  --answer-unknown-context    answer registrations for a context id never asked for\n"
          "  --faulty-connections K      only the first K connections misbehave (default: all)\n";
 }

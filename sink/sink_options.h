@@ -21,6 +21,8 @@ struct SinkOptions {
   bool help = false;
   std::string outPath;  // empty: standard output
   OutputFormat format = OutputFormat::JSON;
+  /// JSON lines also carry "received": the wall-clock nanoseconds at which the batch was taken.
+  bool receivedTime = false;
   uint64_t reportIntervalNanos = 10'000'000'000ull;
   std::optional<uint64_t> exitAfterEvents;
   std::optional<uint64_t> exitAfterIdleNanos;
@@ -37,6 +39,8 @@ struct SinkOptions {
   std::optional<uint64_t> stallAfter;
   uint64_t stallNanos = 0;
   std::optional<uint64_t> sendUnacceptedAfter;
+  /// Answer every registration for a context id the agent never gave out.
+  bool unknownContext = false;
   /// Only the first this many connections misbehave; the rest behave, so a run can finish.
   std::optional<uint64_t> faultyConnections;
 };

@@ -1,0 +1,116 @@
+#!/usr/bin/env python3
+"""Writes sequence-numbered lines to a file, pipe, FIFO or standard output at a set rate.
+
+Each line is `src=<id> seq=<n> t=<ns> <padding>` and a newline. t is the wall-clock time of the
+write that carries the line; the padding's length and letters follow from (src, seq), so a
+checker can tell a damaged line from a good one without keeping a copy.
+
+The writer keeps a schedule (line n is due at start + n / rate) and catches up in bursts after it
+was held back, as a real program with a backlog would. With --rotate-every it renames the file
+and carries on in a new one at the same path, at once.
+"""
+
+import argparse
+import json
+import os
+import sys
+import time
+
+TICK = 0.005  # seconds between writes at a set rate
+
+
+ALPHABET = bytes(range(97, 123)) * 6
+
+
+def padding(src, seq):
+    length = (seq * 37 + src * 11) % 121
+    start = (seq + src) % 26
+    return ALPHABET[start:start + length]
+
+
+def line(src, seq, t_ns):
+    return b"src=%d seq=%d t=%d %s\n" % (src, seq, t_ns, padding(src, seq))
+
+
+def write_file(path, lines, src, rate, rotate_every, rotations, status_path):
+    """Writes `lines` lines; returns the summary of the run."""
+    # A file starts empty (a FIFO ignores O_TRUNC); a follower of the path sees only our lines.
+    flags = os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_TRUNC
+    if path == "-":
+        fd = sys.stdout.fileno()
+    else:
+        # Plain open: a FIFO blocks here until its reader is there, which is what we want.
+        fd = os.open(path, flags, 0o644)
+    start = time.monotonic()
+    next_rotation = start + rotate_every if rotate_every else None
+    rotated = 0
+    seq = 0
+    longest_write = 0.0
+    blocked = 0.0  # time spent inside write() beyond a millisecond per call
+    last_status = 0.0
+    chunk_lines = max(1, int(rate * TICK)) if rate else 2000
+    while seq < lines:
+        now = time.monotonic()
+        if next_rotation is not None and now >= next_rotation and rotated < rotations:
+            os.close(fd)
+            rotated += 1
+            os.rename(path, "%s.%d" % (path, rotated))
+            fd = os.open(path, flags | os.O_EXCL, 0o644)
+            next_rotation += rotate_every
+        if rate:
+            due = min(lines, int((now - start) * rate) + 1)
+            if due <= seq:
+                time.sleep(min(TICK, (seq - due + 1) / rate))
+                continue
+            # A burst after a hold-up goes out in pieces of bounded size.
+            count = min(due - seq, chunk_lines * 20)
+        else:
+            count = min(lines - seq, chunk_lines)
+        t_ns = time.time_ns()
+        data = b"".join(line(src, n, t_ns) for n in range(seq, seq + count))
+        before = time.monotonic()
+        view = memoryview(data)
+        while view:
+            written = os.write(fd, view)
+            view = view[written:]
+        took = time.monotonic() - before
+        longest_write = max(longest_write, took)
+        if took > 0.001:
+            blocked += took
+        seq += count
+        if status_path and before - last_status > 0.2:
+            last_status = before
+            with open(status_path + ".tmp", "w") as status:
+                status.write("%d\n" % seq)
+            os.replace(status_path + ".tmp", status_path)
+    if path != "-":
+        os.close(fd)
+    elapsed = time.monotonic() - start
+    if status_path:
+        with open(status_path + ".tmp", "w") as status:
+            status.write("%d\n" % seq)
+        os.replace(status_path + ".tmp", status_path)
+    return {"lines": seq, "elapsed": elapsed, "longest_write": longest_write,
+            "blocked": blocked, "rotations": rotated}
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--out", required=True, help="file, FIFO or - for standard output")
+    parser.add_argument("--src", type=int, default=1)
+    parser.add_argument("--lines", type=int, required=True)
+    parser.add_argument("--rate", type=float, default=0, help="lines per second; 0: at once")
+    parser.add_argument("--rotate-every", type=float, default=0, help="seconds between moves")
+    parser.add_argument("--rotations", type=int, default=0)
+    parser.add_argument("--status", help="file that holds the count written so far")
+    parser.add_argument("--report", help="file for the summary (JSON)")
+    args = parser.parse_args()
+    summary = write_file(args.out, args.lines, args.src, args.rate, args.rotate_every,
+                         args.rotations, args.status)
+    if args.report:
+        with open(args.report, "w") as report:
+            json.dump(summary, report)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,883 @@
+#!/usr/bin/env python3
+"""Reliability scenarios for drover against drover-sink on 127.0.0.1, with loss accounting.
+
+Each scenario starts its own sink(s), agent and generator, stops by itself within a bounded
+time, and yields rows of: lines, lost, duplicated, reordered, corrupted, delivery delay and the
+agent's peak RSS. --short runs the variants that CI can afford (tens of seconds each).
+
+  run.py --drover PATH --sink PATH [--short] [--work-dir DIR] [--keep] SCENARIO... | all
+"""
+
+import argparse
+import concurrent.futures
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import traceback
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+import checker  # noqa: E402
+import generator  # noqa: E402
+
+HOST = "127.0.0.1"
+GENERATOR = os.path.join(HERE, "generator.py")
+COUNTER_KEYS = ("eventsForwarded", "bufferFull", "loopBusy", "networkConnects")
+
+
+class Failure(Exception):
+    pass
+
+
+def wait_for(condition, limit, step=0.05):
+    deadline = time.monotonic() + limit
+    while time.monotonic() < deadline:
+        if condition():
+            return True
+        time.sleep(step)
+    return condition()
+
+
+def read(path):
+    try:
+        with open(path, "rb") as f:
+            return f.read()
+    except FileNotFoundError:
+        return b""
+
+
+class Context:
+    """What every scenario needs: the binaries, its directory, the size of the run."""
+
+    def __init__(self, args, name):
+        self.drover = args.drover
+        self.sink_binary = args.sink
+        self.short = args.short
+        self.dir = os.path.join(args.work_dir, name)
+        shutil.rmtree(self.dir, ignore_errors=True)
+        os.makedirs(self.dir)
+        self.processes = []
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def spawn(self, argv, name, cwd=None, **kwargs):
+        out = kwargs.pop("stdout", None) or open(self.path(name + ".out"), "wb")
+        err = open(self.path(name + ".err"), "wb")
+        process = subprocess.Popen(argv, stdout=out, stderr=err, cwd=cwd or self.dir, **kwargs)
+        self.processes.append(process)
+        return process
+
+    def cleanup(self):
+        # Only what this scenario started, by its own handle.
+        for process in self.processes:
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+
+
+class Sink:
+    """drover-sink runs on one port; each (re)start writes its own output file."""
+
+    def __init__(self, ctx, flags=(), name="sink", stdout_pipe=False):
+        self.ctx = ctx
+        self.flags = list(flags)
+        self.name = name
+        self.port = 0
+        self.runs = []  # (process, output path, stderr path)
+        self.stdout_pipe = stdout_pipe
+        # Its own directory: a sink makes its certificate in the working directory, and sinks
+        # started side by side would race for the file.
+        self.cwd = ctx.path(name + ".d")
+        os.makedirs(self.cwd, exist_ok=True)
+        self.start()
+
+    def start(self):
+        index = len(self.runs)
+        output = self.ctx.path("%s.%d.json" % (self.name, index))
+        argv = [self.ctx.sink_binary, "--listen", "%s:%d" % (HOST, self.port), "--print-port",
+                "--received-time"] + self.flags
+        extra = {}
+        if self.stdout_pipe:
+            extra["stdout"] = subprocess.PIPE
+        else:
+            argv += ["--out", output]
+        run_name = "%s.%d" % (self.name, index)
+        process = self.ctx.spawn(argv, run_name, cwd=self.cwd, **extra)
+        err = self.ctx.path(run_name + ".err")
+        self.runs.append((process, output, err))
+        # The port line follows the "Listening on" line once the server stands.
+        port_line = re.compile(rb"(?m)^(\d+)$")
+        if not wait_for(lambda: port_line.search(read(err)) or process.poll() is not None, 20):
+            raise Failure("sink did not start: %r" % read(err)[-300:])
+        if process.poll() is not None:
+            raise Failure("sink exited at start: %r" % read(err)[-300:])
+        if self.port == 0:
+            self.port = int(port_line.search(read(err)).group(1))
+        return process
+
+    @property
+    def process(self):
+        return self.runs[-1][0]
+
+    @property
+    def outputs(self):
+        return [output for _, output, _ in self.runs]
+
+    def target(self):
+        return "%s:%d" % (HOST, self.port)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+
+    def stop(self):
+        process = self.process
+        if process.poll() is None:
+            process.send_signal(signal.SIGINT)
+            try:
+                process.wait(20)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+        return process.returncode
+
+    def stderr_text(self):
+        return b"".join(read(err) for _, _, err in self.runs)
+
+
+class LineCount:
+    """Counts the lines of growing files without reading them twice."""
+
+    def __init__(self):
+        self.offsets = {}
+        self.total = 0
+
+    def __call__(self, paths):
+        for path in paths:
+            offset = self.offsets.get(path, 0)
+            try:
+                with open(path, "rb") as f:
+                    f.seek(offset)
+                    data = f.read()
+            except FileNotFoundError:
+                continue
+            self.offsets[path] = offset + len(data)
+            self.total += data.count(b"\n")
+        return self.total
+
+
+class Agent:
+    """drover forward with its memory and counters sampled while it runs."""
+
+    def __init__(self, ctx, words, name="agent", stdin=None):
+        self.ctx = ctx
+        self.name = name
+        self.out = ctx.path(name + ".out")
+        self.err = ctx.path(name + ".err")
+        self.process = ctx.spawn([ctx.drover, "forward"] + words, name, stdin=stdin)
+        self.pid = self.process.pid
+        self.started = time.monotonic()
+        self.peak_kb = 0
+        self.cpu_seconds = 0.0
+        self.rss_samples = []  # (seconds since start, VmRSS kB)
+        self.counters = []  # (seconds since start, {key: value})
+        self._offset = 0
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._sample, daemon=True)
+        self._thread.start()
+
+    def _read_status(self):
+        try:
+            with open("/proc/%d/status" % self.pid) as status:
+                text = status.read()
+            with open("/proc/%d/stat" % self.pid) as stat:
+                # utime and stime follow the command name, whose parentheses may hold blanks.
+                fields = stat.read().rsplit(")", 1)[1].split()
+            self.cpu_seconds = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        except (OSError, IndexError, ValueError):
+            return
+        rss = re.search(r"VmRSS:\s+(\d+)", text)
+        hwm = re.search(r"VmHWM:\s+(\d+)", text)
+        if hwm:
+            self.peak_kb = max(self.peak_kb, int(hwm.group(1)))
+        if rss:
+            self.rss_samples.append((time.monotonic() - self.started, int(rss.group(1))))
+
+    def _read_counters(self):
+        data = read(self.out)
+        end = data.rfind(b"\n") + 1
+        for line in data[self._offset:end].splitlines():
+            if b'"bufferFull"' not in line:
+                continue
+            values = {}
+            for key in COUNTER_KEYS:
+                found = re.search(rb'"%s":"(\d+)"' % key.encode(), line)
+                values[key] = int(found.group(1)) if found else 0
+            self.counters.append((time.monotonic() - self.started, values))
+        self._offset = max(self._offset, end)
+
+    def _sample(self):
+        while not self._stop.is_set() and self.process.poll() is None:
+            self._read_status()
+            self._read_counters()
+            self._stop.wait(0.25)
+        self._read_counters()
+
+    def wait_running(self):
+        # The first counters line comes on the loop's first pass.
+        if not wait_for(lambda: b"eventsForwarded" in read(self.out) or
+                        self.process.poll() is not None, 20):
+            raise Failure("agent did not start")
+        if self.process.poll() is not None:
+            raise Failure("agent ended at start: %r" % read(self.out)[-400:])
+
+    def alive(self):
+        return self.process.poll() is None
+
+    def interrupt(self):
+        """SIGINT ends the agent at once; returns its status."""
+        if self.alive():
+            self._read_status()
+            self.process.send_signal(signal.SIGINT)
+        try:
+            self.process.wait(20)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        self._stop.set()
+        self._thread.join()
+        return self.process.returncode
+
+    def wait_exit(self, limit):
+        try:
+            self.process.wait(limit)
+        except subprocess.TimeoutExpired:
+            return None
+        finally:
+            self._stop.set()
+        self._thread.join()
+        return self.process.returncode
+
+    def log(self):
+        return read(self.out)
+
+    def count(self, text):
+        return self.log().count(text.encode())
+
+    def last_counter(self, key):
+        return self.counters[-1][1][key] if self.counters else 0
+
+    def counter_at(self, key, seconds):
+        """The last value reported at or before `seconds` after the start."""
+        value = 0
+        for at, values in self.counters:
+            if at <= seconds:
+                value = values[key]
+        return value
+
+
+class Generator:
+    def __init__(self, ctx, out, lines, rate, src=1, name="gen", extra=(), stdout=None):
+        self.report_path = ctx.path(name + ".report.json")
+        self.status_path = ctx.path(name + ".status")
+        argv = [sys.executable, GENERATOR, "--out", out, "--src", str(src), "--lines",
+                str(lines), "--rate", str(rate), "--status", self.status_path,
+                "--report", self.report_path] + list(extra)
+        self.process = ctx.spawn(argv, name, stdout=stdout)
+        self.lines = lines
+
+    def written(self):
+        text = read(self.status_path).strip()
+        return int(text) if text else 0
+
+    def wait(self, limit):
+        self.process.wait(limit)
+        if self.process.returncode != 0:
+            raise Failure("generator failed with status %d" % self.process.returncode)
+        with open(self.report_path) as report:
+            return json.load(report)
+
+
+def wait_delivered(paths_of, expected, limit, settle=1.5):
+    """Waits until `expected` lines have arrived and nothing more came for `settle` seconds."""
+    counter = LineCount()
+    deadline = time.monotonic() + limit
+    last, since = -1, time.monotonic()
+    while time.monotonic() < deadline:
+        count = counter(paths_of())
+        if count != last:
+            last, since = count, time.monotonic()
+        elif count >= expected and time.monotonic() - since >= settle:
+            return count
+        time.sleep(0.1)
+    return last
+
+
+class Row(dict):
+    """One line of the table."""
+
+
+def make_row(name, report, agent=None, ok=True, notes=""):
+    total = checker.totals(report)
+    clean = total["lost"] == 0 and total["corrupted"] == 0
+    return Row(scenario=name, lines=total["generated"], lost=total["lost"],
+               duplicated=total["duplicated"], reordered=total["reordered"],
+               corrupted=total["corrupted"], p50_ms=total["delay_p50_ms"],
+               p99_ms=total["delay_p99_ms"], peak_rss_kb=agent.peak_kb if agent else None,
+               ok=bool(ok and clean), notes=notes)
+
+
+def fatal_row(name, lines, agent, ok, notes):
+    return Row(scenario=name, lines=lines, lost=None, duplicated=None, reordered=None,
+               corrupted=None, p50_ms=None, p99_ms=None, peak_rss_kb=agent.peak_kb, ok=ok,
+               notes=notes)
+
+
+# --- 1. Steady ---------------------------------------------------------------------------------
+
+def steady_stream(ctx):
+    lines = 200_000 if ctx.short else 1_000_000
+    source = ctx.path("input.log")
+    Generator(ctx, source, lines, 0).wait(120)
+    sink = Sink(ctx)
+    agent = Agent(ctx, ["stream", source, "tok-1", "to", sink.target()])
+    started = time.monotonic()
+    status = agent.wait_exit(120 if ctx.short else 300)
+    took = time.monotonic() - started
+    wait_delivered(lambda: sink.outputs, lines, 30)
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-1", lines)})
+    total = checker.totals(report)
+    ok = status == 0 and total["duplicated"] == 0 and total["reordered"] == 0
+    notes = "agent exit %s after %.1f s (%d lines/s); delay counts from the file's writing" % (
+        status, took, lines / took)
+    return [make_row("1a steady stream (file)", report, agent, ok, notes)]
+
+
+def steady_tail(ctx):
+    rate, seconds = 20_000, (10 if ctx.short else 60)
+    lines = rate * seconds
+    source = ctx.path("input.log")
+    open(source, "wb").close()
+    sink = Sink(ctx)
+    agent = Agent(ctx, ["tail", source, "tok-2", "to", sink.target()])
+    agent.wait_running()
+    Generator(ctx, source, lines, rate).wait(seconds * 3 + 30)
+    wait_delivered(lambda: sink.outputs, lines, 60)
+    alive = agent.alive()
+    status = agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-2", lines)})
+    total = checker.totals(report)
+    ok = alive and total["duplicated"] == 0 and total["reordered"] == 0
+    return [make_row("1b steady tail %d/s" % rate, report, agent, ok,
+                     "alive until SIGINT: %s (status %s); agent CPU %.0f s" % (
+                         alive, status, agent.cpu_seconds))]
+
+
+# --- 2. Endpoint killed and restarted ----------------------------------------------------------
+
+def endpoint_killed(ctx):
+    lines = 150_000 if ctx.short else 1_000_000
+    rate = 5_000 if ctx.short else 6_000
+    wanted_kills = 3 if ctx.short else 20
+    rng = random.Random(int(os.environ.get("RELIABILITY_SEED", "7")))
+    fifo = ctx.path("input.fifo")
+    os.mkfifo(fifo)
+    sink = Sink(ctx)
+    agent = Agent(ctx, ["stream", fifo, "tok-3", "to", sink.target()])
+    agent.wait_running()
+    gen = Generator(ctx, fifo, lines, rate)
+    kills = 0
+    # Kills stop before the end of the input: a peer lost after the last event was sent takes
+    # the unacknowledged tail with it (the run ends on an empty queue), which is by design.
+    while gen.process.poll() is None and gen.written() < lines * 0.95:
+        # Each run of the sink is killed only once the agent has come back to it.
+        current = sink.outputs[-1]
+        if not wait_for(lambda: os.path.exists(current) and os.path.getsize(current) > 0
+                        or gen.process.poll() is not None, 30):
+            raise Failure("the agent did not come back to sink run %d" % len(sink.runs))
+        time.sleep(rng.uniform(0.3, 3.0))
+        if gen.process.poll() is not None or gen.written() >= lines * 0.95:
+            break
+        sink.kill()
+        kills += 1
+        time.sleep(rng.uniform(0.2, 1.8))
+        sink.start()
+    gen.wait(600)
+    status = agent.wait_exit(120)
+    wait_delivered(lambda: sink.outputs, lines, 30)
+    sink.stop()
+    if status is None:
+        agent.interrupt()
+    report = checker.check(sink.outputs, {1: ("tok-3", lines)})
+    windows = report["redelivery_windows"]
+    ok = status == 0 and kills >= wanted_kills
+    notes = ("%d kills; agent exit %s; re-sent per killed connection: max %s, mean %.0f events; "
+             "reconnects %d; bufferFull %d; agent CPU %.0f s" % (
+                 kills, status, max(windows) if windows else 0,
+                 sum(windows) / len(windows) if windows else 0, agent.count("Reconnecting to "),
+                 agent.last_counter("bufferFull"), agent.cpu_seconds))
+    return [make_row("2 endpoint SIGKILL+restart", report, agent, ok, notes)]
+
+
+# --- 3. Endpoint stalled -----------------------------------------------------------------------
+
+def endpoint_stalled(ctx):
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        live = pool.submit(_stall_live, ctx)
+        quiet = pool.submit(_stall_quiet, ctx)
+        return [live.result(), quiet.result()]
+
+
+def _stall_live(ctx):
+    rate = 10_000
+    before, stall, after = 5, (15 if ctx.short else 60), (10 if ctx.short else 20)
+    lines = rate * (before + stall + after)
+    source = ctx.path("input.log")
+    open(source, "wb").close()
+    sink = Sink(ctx, ["--stall-after", str(rate * before // 300), "--stall-seconds", str(stall),
+                      "--faulty-connections", "1"])
+    agent = Agent(ctx, ["tail", source, "tok-4", "to", sink.target()])
+    agent.wait_running()
+    gen = Generator(ctx, source, lines, rate)
+    err = sink.runs[-1][2]
+    if not wait_for(lambda: b"Stalling the connection" in read(err), before + 20):
+        raise Failure("the sink never stalled")
+    stalled_at = time.monotonic() - agent.started
+    rss_before = agent.rss_samples[-1][1] if agent.rss_samples else 0
+    if not wait_for(lambda: b"Resuming the connection" in read(err), stall + 20):
+        raise Failure("the sink never resumed")
+    resumed_at = time.monotonic() - agent.started
+    gen.wait(stall + before + after + 120)
+    wait_delivered(lambda: sink.outputs, lines, 120)
+    alive = agent.alive()
+    # Counters come every 10 s; what counts is a rise while the sink did not read.
+    full_start = agent.counter_at("bufferFull", stalled_at + 1)
+    full_end = agent.counter_at("bufferFull", resumed_at)
+    agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-4", lines)})
+    bound_kb = 256 * 1024
+    ok = alive and full_end > full_start and agent.peak_kb < bound_kb
+    notes = ("stall %d s; bufferFull %d -> %d during it; RSS %d kB before, peak %d kB "
+             "(bound %d kB); agent CPU %.0f s" % (stall, full_start, full_end, rss_before,
+                                                  agent.peak_kb, bound_kb, agent.cpu_seconds))
+    return make_row("3 endpoint stalled %d s" % stall, report, agent, ok, notes)
+
+
+def _stall_quiet(ctx):
+    # The writer goes quiet before the endpoint reads again. What the source left in the file
+    # beyond one read slice (1 MiB) waits for the next write: only inotify wakes a tail source.
+    rate, stall = 10_000, (15 if ctx.short else 60)
+    lines = rate * (stall // 2)
+    source = ctx.path("quiet.log")
+    open(source, "wb").close()
+    sink = Sink(ctx, ["--stall-after", "1", "--stall-seconds", str(stall),
+                      "--faulty-connections", "1"], name="sink-quiet")
+    agent = Agent(ctx, ["tail", source, "tok-9", "to", sink.target()], name="agent-quiet")
+    agent.wait_running()
+    gen = Generator(ctx, source, lines, rate, name="gen-quiet")
+    err = sink.runs[-1][2]
+    gen.wait(stall + 60)
+    if not wait_for(lambda: b"Resuming the connection" in read(err), stall + 20):
+        raise Failure("the sink never resumed")
+    before_nudge = wait_delivered(lambda: sink.outputs, lines, 15, settle=5)
+    # Then a line now and then, as an application's next log lines would come; each write is a
+    # wake-up, and each wake-up reads one slice.
+    nudges = 0
+    counter = LineCount()
+    deadline = time.monotonic() + 90
+    while counter(sink.outputs) < lines + nudges and time.monotonic() < deadline:
+        with open(source, "ab") as f:
+            f.write(generator.line(1, lines + nudges, time.time_ns()))
+        nudges += 1
+        time.sleep(0.2)
+    wait_delivered(lambda: sink.outputs, lines + nudges, 30)
+    alive = agent.alive()
+    agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-9", lines + nudges)})
+    stuck = lines - min(before_nudge, lines)
+    size = os.path.getsize(source)
+    notes = ("after the endpoint resumed, %d of %d lines (%.1f of %.1f MB) waited in the file "
+             "for further writes; %d single-line writes brought them out" % (
+                 stuck, lines, size * stuck / lines / 1e6, size / 1e6, nudges))
+    return make_row("3b stalled, writer quiet at resume", report, agent, alive, notes)
+
+
+# --- 4. Move rotation --------------------------------------------------------------------------
+
+def rotation(ctx):
+    with concurrent.futures.ThreadPoolExecutor(3) as pool:
+        moved = pool.submit(_rotation_kept, ctx)
+        deleted = pool.submit(_rotation_deleted, ctx)
+        hurried = pool.submit(_rotation_too_fast, ctx)
+        return [moved.result(), deleted.result(), hurried.result()]
+
+
+def _rotation_kept(ctx):
+    rate = 5_000
+    every, count = (8, 1) if ctx.short else (60, 5)
+    # The moved file is drained for 30 s and the path reopened on the next 5-second tick.
+    seconds = every * count + 42
+    lines = rate * seconds
+    source = ctx.path("rotated.log")
+    open(source, "wb").close()
+    sink = Sink(ctx, name="sink-rot")
+    agent = Agent(ctx, ["tail", source, "tok-5", "to", sink.target()], name="agent-rot")
+    agent.wait_running()
+    Generator(ctx, source, lines, rate, name="gen-rot",
+              extra=["--rotate-every", str(every), "--rotations", str(count)]).wait(seconds + 120)
+    wait_delivered(lambda: sink.outputs, lines, 60)
+    alive = agent.alive()
+    agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-5", lines)})
+    total = checker.totals(report)
+    reopened = agent.count("Reopening log file.")
+    ok = alive and reopened == count and total["duplicated"] == 0
+    return make_row("4 move rotation x%d every %d s" % (count, every), report, agent, ok,
+                    "reopened %d times; alive until SIGINT: %s" % (reopened, alive))
+
+
+def _rotation_too_fast(ctx):
+    # Two moves within the drain time: the source still reads the first file when the second
+    # move happens, and at its reopen it opens the third. The second file is never read.
+    rate, every = 2_000, 10
+    seconds = 2 * every + 42
+    lines = rate * seconds
+    source = ctx.path("hurried.log")
+    open(source, "wb").close()
+    sink = Sink(ctx, name="sink-fast")
+    agent = Agent(ctx, ["tail", source, "tok-10", "to", sink.target()], name="agent-fast")
+    agent.wait_running()
+    Generator(ctx, source, lines, rate, name="gen-fast",
+              extra=["--rotate-every", str(every), "--rotations", "2"]).wait(seconds + 120)
+    with open(source + ".2", "rb") as skipped:
+        skipped_lines = skipped.read().count(b"\n")
+    wait_delivered(lambda: sink.outputs, lines - skipped_lines, 60)
+    alive = agent.alive()
+    agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-10", lines)})
+    lost = checker.totals(report)["lost"]
+    row = make_row("4c two moves %d s apart" % every, report, agent, alive,
+                   "lost by design: the second file (%d lines) was never opened; %s" % (
+                       skipped_lines, "matches" if lost == skipped_lines else "DIFFERS"))
+    row["ok"] = alive and lost == skipped_lines and row["corrupted"] == 0
+    return row
+
+
+def _rotation_deleted(ctx):
+    # A moved file deleted before the reopen: the kernel drops the watch, and the removal at the
+    # reopen fails, which ends the agent on an assertion.
+    rate = 1_000
+    source = ctx.path("deleted.log")
+    open(source, "wb").close()
+    sink = Sink(ctx, name="sink-del")
+    agent = Agent(ctx, ["tail", source, "tok-6", "to", sink.target()], name="agent-del")
+    agent.wait_running()
+    gen = Generator(ctx, source, rate * 45, rate, name="gen-del",
+                    extra=["--rotate-every", "3", "--rotations", "1"])
+    wait_for(lambda: os.path.exists(source + ".1"), 20)
+    time.sleep(1)
+    os.unlink(source + ".1")
+    status = agent.wait_exit(60)
+    gen.process.kill()
+    gen.process.wait()
+    sink.stop()
+    err = read(agent.err)
+    named = (status == -signal.SIGABRT and b"Failed to remove inotify watch: " in agent.log()
+             and b"Assertion `false' failed" in err)
+    return fatal_row("4b moved file deleted within 30 s", gen.written(), agent, named,
+                     "fatal by design: status %s, %s" % (
+                         status, "ends as named" if named else "NOT as named: %r" % err[-200:]))
+
+
+# --- 5. Slow endpoint behind a pipe ------------------------------------------------------------
+
+def slow_endpoint(ctx):
+    lines = 100_000 if ctx.short else 500_000
+    bytes_per_second = 2_000_000
+    sink = Sink(ctx, stdout_pipe=True)
+    output = sink.outputs[-1]
+    reader = threading.Thread(target=_read_slowly,
+                              args=(sink.process.stdout, output, bytes_per_second), daemon=True)
+    reader.start()
+    producer = Generator(ctx, "-", lines, 0, name="producer", stdout=subprocess.PIPE)
+    agent = Agent(ctx, ["stream", "/dev/stdin", "tok-7", "to", sink.target()],
+                  stdin=producer.process.stdout)
+    producer.process.stdout.close()  # the agent holds the read end now
+    summary = producer.wait(lines * 400 // bytes_per_second + 120)
+    status = agent.wait_exit(120)
+    wait_delivered(lambda: [output], lines, 60)
+    sink.stop()
+    reader.join(30)
+    report = checker.check([output], {1: ("tok-7", lines)})
+    # Unhindered the producer writes these lines in well under a second.
+    paced = lines * 190 / bytes_per_second
+    blocked = summary["elapsed"] > 0.5 * paced
+    ok = blocked and status == 0
+    notes = ("producer took %.1f s (sink drained at %.1f MB/s, ~%.0f s of output), longest "
+             "write %.2f s; agent exit %s" % (summary["elapsed"], bytes_per_second / 1e6, paced,
+                                             summary["longest_write"], status))
+    return [make_row("5 slow endpoint, producer|stdin", report, agent, ok, notes)]
+
+
+def _read_slowly(pipe, path, rate):
+    started = time.monotonic()
+    taken = 0
+    with open(path, "wb") as out:
+        while True:
+            chunk = pipe.read1(65536) if hasattr(pipe, "read1") else pipe.read(65536)
+            if not chunk:
+                return
+            out.write(chunk)
+            out.flush()
+            taken += len(chunk)
+            ahead = taken / rate - (time.monotonic() - started)
+            if ahead > 0:
+                time.sleep(ahead)
+
+
+# --- 6. Byte transparency ----------------------------------------------------------------------
+
+def special_lines():
+    rng = random.Random(11)
+    lines = [
+        b"plain ascii\n",
+        b"carriage return\r\n",
+        b"\r\n",
+        b"\n",
+        b"\n",
+        b"nul\x00in\x00the\x00middle\n",
+        b"\x00\n",
+        b"invalid utf-8 \xff\xfe \xc3\x28 \x80 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80\n",
+        b"valid utf-8 \xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80\n",
+        b'json "quotes" and \\backslashes\\ \\u0041\n',
+        bytes(range(1, 10)) + bytes(range(11, 256)) + b"\n",
+        b"\t tab and \x1b escape \x7f del\n",
+    ]
+    # Around the reader's buffer of 65526 bytes: a line that fits, the first that is cut, and
+    # lines of 65528 bytes and far beyond.
+    for length in (65525, 65526, 65527, 65528, 65529, 131072, 200_000):
+        body = bytes(rng.choice(b"abcdefghij\x00\xff\r") for _ in range(length - 1))
+        lines.append(body + b"\n")
+    lines.append(b"after the long ones\n")
+    return lines
+
+
+def byte_transparency(ctx):
+    lines = special_lines()
+    plain = b"".join(lines)
+    # A file that ends in an unterminated line longer than the reader's buffer less 512 bytes:
+    # its last event is cut with whatever byte the buffer held, not a newline.
+    seam = b"y" * 65300
+    with open(ctx.path("special.bin"), "wb") as f:
+        f.write(plain)
+    with open(ctx.path("seam.bin"), "wb") as f:
+        f.write(seam)
+    short_lines = [line for line in lines if len(line) < 4096]
+    fifo = ctx.path("special.fifo")
+    os.mkfifo(fifo)
+    sink = Sink(ctx)
+    agent = Agent(ctx, ["stream", ctx.path("special.bin"), "file", "stream",
+                        ctx.path("seam.bin"), "seam", "stream", fifo, "pipe", "to",
+                        sink.target()])
+    agent.wait_running()
+    with open(fifo, "wb") as pipe:
+        for line in short_lines:
+            pipe.write(line)
+            pipe.flush()
+    status = agent.wait_exit(60)
+    expected = {"file": checker.frame_regular_file(plain), "seam": checker.frame_regular_file(seam),
+                "pipe": short_lines}
+    wait_delivered(lambda: sink.outputs, sum(len(v) for v in expected.values()), 30)
+    sink.stop()
+    got = {token: [] for token in expected}
+    undecodable = 0
+    for raw in read(sink.outputs[-1]).splitlines():
+        try:
+            # Bytes at or above 0x80 pass the sink unescaped; latin-1 maps them one to one.
+            record = json.loads(raw.decode("latin-1"))
+            got.setdefault(record["token"], []).append(record["event"].encode("latin-1"))
+        except (ValueError, KeyError):
+            undecodable += 1
+    rows = []
+    for token, events in expected.items():
+        received = got.get(token, [])
+        mismatched = sum(1 for a, b in zip(events, received) if a != b)
+        lost = max(0, len(events) - len(received))
+        extra = max(0, len(received) - len(events))
+        split = sum(1 for e in events if not e.endswith(b"\n") or len(e) == 65527)
+        ok = mismatched == 0 and lost == 0 and extra == 0 and undecodable == 0 and status == 0
+        rows.append(Row(scenario="6 bytes via %s" % token, lines=len(events), lost=lost,
+                        duplicated=extra, reordered=None, corrupted=mismatched + undecodable,
+                        p50_ms=None, p99_ms=None, peak_rss_kb=agent.peak_kb, ok=ok,
+                        notes="%d events, %d bytes, %d forced splits; byte-exact: %s" % (
+                            len(events), sum(map(len, events)), split,
+                            mismatched == 0 and lost == 0)))
+    return rows
+
+
+# --- 7. Hostile endpoint -----------------------------------------------------------------------
+
+HOSTILE = [
+    ("refuse-token", ["--refuse-token", "tok-8"]),
+    ("config-omit", ["--config-omit", "enable_ack"]),
+    ("config-extra", ["--config-extra", "bogus"]),
+    ("error-after", ["--error-after", "3"]),
+    ("close-after", ["--close-after", "3"]),
+    ("close-abrupt", ["--close-after", "3", "--abrupt"]),
+    ("no-ack", ["--no-ack"]),
+    ("stall", ["--stall-after", "3", "--stall-seconds", "8"]),
+    ("send-unaccepted", ["--send-unaccepted-after", "3"]),
+    ("unknown-context", ["--answer-unknown-context"]),
+]
+
+
+def hostile_endpoint(ctx):
+    faulty = 1 if ctx.short else 3
+    with concurrent.futures.ThreadPoolExecutor(5) as pool:
+        futures = [pool.submit(_hostile_case, ctx, name, flags, faulty) for name, flags in HOSTILE]
+        return [future.result() for future in futures]
+
+
+def _hostile_case(ctx, name, flags, faulty):
+    rate, seconds = (2_000, 10) if ctx.short else (10_000, 25)
+    lines = rate * seconds
+    source = ctx.path(name + ".log")
+    open(source, "wb").close()
+    sink = Sink(ctx, flags + ["--faulty-connections", str(faulty)], name="sink-" + name)
+    agent = Agent(ctx, ["tail", source, "tok-8", "to", sink.target()], name="agent-" + name)
+    agent.wait_running()
+    gen = Generator(ctx, source, lines, rate, name="gen-" + name)
+    label = "7 hostile %s (first %d)" % (name, faulty)
+    if name == "unknown-context":
+        # A registration answer for an id never given out ends the agent with an uncaught
+        # std::out_of_range: that is its named way out, not a crash to repair.
+        status = agent.wait_exit(30)
+        gen.process.kill()
+        gen.process.wait()
+        sink.stop()
+        err = read(agent.err)
+        named = status == -signal.SIGABRT and b"std::out_of_range" in err
+        return fatal_row(label, gen.written(), agent, named, "fatal by design: status %s%s" % (
+            status, ", uncaught std::out_of_range" if named else ", NOT as named: %r" % err[-200:]))
+    gen.wait(seconds * 3 + 60)
+    # Each faulty connection costs up to one five-second check before it is replaced.
+    wait_delivered(lambda: sink.outputs, lines, 5 * faulty + 40)
+    alive = agent.alive()
+    agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-8", lines)})
+    connects = agent.last_counter("networkConnects")
+    notes = "alive: %s; connections made %d; sink saw %d; agent CPU %.0f s" % (
+        alive, connects, _sink_connections(sink), agent.cpu_seconds)
+    return make_row(label, report, agent, alive, notes)
+
+
+def _sink_connections(sink):
+    return sink.stderr_text().count(b"Accepted a connection")
+
+
+SCENARIOS = {
+    "steady-stream": steady_stream,
+    "steady-tail": steady_tail,
+    "kill": endpoint_killed,
+    "stall": endpoint_stalled,
+    "rotate": rotation,
+    "slow": slow_endpoint,
+    "bytes": byte_transparency,
+    "hostile": hostile_endpoint,
+}
+
+
+def fmt(value, unit=""):
+    if value is None:
+        return "-"
+    if isinstance(value, float):
+        return "%.1f%s" % (value, unit)
+    return "%s%s" % (value, unit)
+
+
+def table(rows):
+    header = ["scenario", "lines", "lost", "duplicated", "reordered", "corrupted", "p50 delay",
+              "p99 delay", "agent peak RSS", "result"]
+    body = [[r["scenario"], fmt(r["lines"]), fmt(r["lost"]), fmt(r["duplicated"]),
+             fmt(r["reordered"]), fmt(r["corrupted"]), fmt(r["p50_ms"], " ms"),
+             fmt(r["p99_ms"], " ms"),
+             fmt(r["peak_rss_kb"] // 1024 if r["peak_rss_kb"] else None, " MiB"),
+             "ok" if r["ok"] else "FAIL"] for r in rows]
+    widths = [max(len(str(x)) for x in column) for column in zip(header, *body)]
+    lines = ["| " + " | ".join(str(x).ljust(w) for x, w in zip(header, widths)) + " |",
+             "|" + "|".join("-" * (w + 2) for w in widths) + "|"]
+    lines += ["| " + " | ".join(str(x).ljust(w) for x, w in zip(row, widths)) + " |"
+              for row in body]
+    lines.append("")
+    lines += ["- %s: %s" % (r["scenario"], r["notes"]) for r in rows]
+    return "\n".join(lines)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--drover", required=True)
+    parser.add_argument("--sink", required=True)
+    parser.add_argument("--short", action="store_true", help="the CI variants")
+    parser.add_argument("--work-dir", help="where runs keep their files (default: a temp dir)")
+    parser.add_argument("--keep", action="store_true", help="keep the files of passing runs")
+    parser.add_argument("--results", help="also write the rows as JSON here")
+    parser.add_argument("scenarios", nargs="+", help=" ".join(SCENARIOS) + " or all")
+    args = parser.parse_args()
+    names = list(SCENARIOS) if args.scenarios == ["all"] else args.scenarios
+    for name in names:
+        if name not in SCENARIOS:
+            parser.error("unknown scenario %s" % name)
+    own_dir = args.work_dir is None
+    args.work_dir = os.path.abspath(args.work_dir or tempfile.mkdtemp(prefix="drover-reliability-"))
+    # The programs run in the scenario's directory.
+    args.drover, args.sink = os.path.abspath(args.drover), os.path.abspath(args.sink)
+    os.makedirs(args.work_dir, exist_ok=True)
+
+    rows = []
+    for name in names:
+        ctx = Context(args, name + ("-short" if args.short else ""))
+        started = time.monotonic()
+        try:
+            produced = SCENARIOS[name](ctx)
+        except Exception as failure:  # noqa: BLE001 - one broken scenario must not hide the rest
+            traceback.print_exc()
+            produced = [Row(scenario=name, lines=None, lost=None, duplicated=None, reordered=None,
+                            corrupted=None, p50_ms=None, p99_ms=None, peak_rss_kb=None, ok=False,
+                            notes="harness stopped: %s" % failure)]
+        finally:
+            ctx.cleanup()
+        for row in produced:
+            print(json.dumps(row), flush=True)
+        print("# %s took %.0f s, files in %s" % (name, time.monotonic() - started, ctx.dir),
+              flush=True)
+        if all(row["ok"] for row in produced) and not args.keep:
+            shutil.rmtree(ctx.dir, ignore_errors=True)
+        rows += produced
+    print()
+    print(table(rows))
+    if args.results:
+        with open(args.results, "w") as out:
+            json.dump(rows, out, indent=1)
+    if own_dir and all(row["ok"] for row in rows) and not args.keep:
+        shutil.rmtree(args.work_dir, ignore_errors=True)
+    return 0 if all(row["ok"] for row in rows) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
