@@ -12,14 +12,14 @@ IngesterConnection::~IngesterConnection() = default;
 void IngesterConnection::sendEvents(uint32_t context, uint64_t timestamp,
                                     const EphemeralLogEvent* events, uint32_t count) {
   send(CmdIngestLogEvents{context, timestamp, events, count});
-  std::vector<LogEvent> batch;
+  // Built in place, in the queue: each event costs one allocation and one copy of its bytes.
+  std::vector<LogEvent>& batch = unacknowledged.emplace_back();
   batch.reserve(count);
   for (uint32_t i = 0; i < count; ++i) {
+    const char* begin = reinterpret_cast<const char*>(events[i].begin);
     batch.push_back(LogEvent{context, timestamp,
-                             std::string(reinterpret_cast<const char*>(events[i].begin),
-                                         reinterpret_cast<const char*>(events[i].end))});
+                             std::string(begin, static_cast<size_t>(events[i].end - events[i].begin))});
   }
-  unacknowledged.push_back(std::move(batch));
 }
 
 void IngesterConnection::sendEvent(const LogEvent& event) {
