@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr size_t QUEUE_LIMIT = 1024;
 constexpr uint64_t SECOND = 1000000000;
 
 // The reader's buffer holds 65526 bytes less the prepended text, so a longer text leaves no room.
@@ -219,27 +218,7 @@ int forward(const Log& callerLog, int argc, char** argv) {
 
   const EventSink sink = [&](uint32_t context, uint64_t timestamp, const EphemeralLogEvent* batch,
                              uint32_t count) {
-    // The fast path needs an empty queue, or the batch would overtake what waits.
-    if (!connections.empty() && events.empty()) {
-      IngesterConnection& first = *connections.front();
-      if (first.shouldSend() && contexts.isContextReady(context, &first)) {
-        first.sendEvents(context, timestamp, batch, count);
-        eventsForwarded += count;
-        return true;
-      }
-    }
-    // Whole batches or nothing: the queue may grow past the limit by up to one batch.
-    if (events.size() > QUEUE_LIMIT - 1) {
-      ++bufferFull;
-      return false;
-    }
-    for (uint32_t n = 0; n < count; ++n) {
-      events.push_back(LogEvent{context, timestamp,
-                                std::string(reinterpret_cast<const char*>(batch[n].begin),
-                                            static_cast<size_t>(batch[n].end - batch[n].begin))});
-    }
-    drainEvents(events, connections, contexts);
-    return true;
+    return offerBatch(events, connections, contexts, context, timestamp, batch, count);
   };
 
   for (const auto& source : sources) {

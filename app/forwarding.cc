@@ -20,6 +20,37 @@ void setupForwardConnection(const std::unique_ptr<IngesterConnection>& con, Even
   contexts.addConnection(con.get());
 }
 
+namespace {
+
+constexpr size_t QUEUE_LIMIT = 1024;
+
+}  // namespace
+
+bool offerBatch(EventQueue& events, const IngesterConnections& connections, IngestContextsMap& contexts,
+                uint32_t context, uint64_t timestamp, const EphemeralLogEvent* batch, uint32_t count) {
+  // The fast path needs an empty queue, or the batch would overtake what waits.
+  if (!connections.empty() && events.empty()) {
+    IngesterConnection& first = *connections.front();
+    if (first.shouldSend() && contexts.isContextReady(context, &first)) {
+      first.sendEvents(context, timestamp, batch, count);
+      eventsForwarded += count;
+      return true;
+    }
+  }
+  // Whole batches or nothing: the queue may grow past the limit by up to one batch.
+  if (events.size() > QUEUE_LIMIT - 1) {
+    ++bufferFull;
+    return false;
+  }
+  for (uint32_t n = 0; n < count; ++n) {
+    events.push_back(LogEvent{context, timestamp,
+                              std::string(reinterpret_cast<const char*>(batch[n].begin),
+                                          static_cast<size_t>(batch[n].end - batch[n].begin))});
+  }
+  drainEvents(events, connections, contexts);
+  return true;
+}
+
 void drainEvents(EventQueue& events, const IngesterConnections& connections, IngestContextsMap& contexts) {
   for (const auto& con : connections) {
     while (!events.empty()) {

@@ -67,6 +67,12 @@ using AgentHandler = NetworkCmdHandler<ForwardConHandler<EventQueue&, IngestCont
 void setupForwardConnection(const std::unique_ptr<IngesterConnection>& con, EventQueue& events,
                             EventLoop& loop, IngestContextsMap& contexts, const Log& log);
 
+/// The event sink of a run: a batch goes straight to the first connection when nothing waits and
+/// that connection can take it; otherwise it joins the queue whole, unless more than 1023
+/// events wait already, in which case nothing is taken (false) and bufferFull counts it.
+bool offerBatch(EventQueue& events, const IngesterConnections& connections, IngestContextsMap& contexts,
+                uint32_t context, uint64_t timestamp, const EphemeralLogEvent* batch, uint32_t count);
+
 /// Sends queued events one per packet, strictly from the front, on the first connections that
 /// can take them.
 void drainEvents(EventQueue& events, const IngesterConnections& connections, IngestContextsMap& contexts);

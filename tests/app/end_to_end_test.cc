@@ -143,6 +143,25 @@ TEST_F(EndToEnd, StreamArrivesWholeAndInOrderAndTheRunEndsByItself) {
       << agentLog();
 }
 
+TEST_F(EndToEnd, EmptyStreamEndsByItselfOnceConnected) {
+  // A stream that ends before its connection is up leaves the closing run waiting for SIGINT
+  // (finishing a connection that is still connecting fails it). So the input ends only after
+  // the endpoint has accepted the connection and had time for the handshake.
+  startSink();
+  const std::string fifo = dir.file("pipe");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  startAgent({"stream", fifo, "token", "to", target()});
+  const int writer = open(fifo.c_str(), O_WRONLY);
+  ASSERT_GE(writer, 0);
+  ASSERT_TRUE(waitFor([&] { return readFile(dir.file("sink.err")).find("Accepted a connection") != std::string::npos; }, 10s));
+  usleep(300000);
+  close(writer);
+  ASSERT_TRUE(agent->wait(30s)) << agentLog();
+  EXPECT_EQ(agent->exitCode(), 0);
+  EXPECT_EQ(countOf(agentLog(), "All sources completed. Waiting for sending connections to close."), 1u);
+  EXPECT_EQ(received(), "");
+}
+
 TEST_F(EndToEnd, EventsCarryTheirContextTokenAndTime) {
   // The JSON form of the endpoint shows what the agent negotiated and stamped.
   std::vector<std::string> argv = {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0", "--print-port",

@@ -84,6 +84,31 @@ TEST_F(Forwarding, DropVanishedKeepsEveryConnectionWhoseAddressIsResolved) {
   }
 }
 
+// Batches of `size` one-byte events.
+std::vector<EphemeralLogEvent> batchOf(uint32_t size) {
+  static const uint8_t byte = 'x';
+  return std::vector<EphemeralLogEvent>(size, EphemeralLogEvent{&byte, &byte + 1});
+}
+
+TEST_F(Forwarding, QueueTakesWholeBatchesUntilMoreThan1023Wait) {
+  IngestContextsMap contexts(log);
+  IngesterConnections none;
+  EventQueue events;
+  const uint64_t refusedBefore = bufferFull;
+
+  const std::vector<EphemeralLogEvent> big = batchOf(1023);
+  EXPECT_TRUE(offerBatch(events, none, contexts, 0, 1, big.data(), 1023));
+  // At 1023 waiting a batch is still taken, whole: the limit is where refusing starts.
+  const std::vector<EphemeralLogEvent> batch = batchOf(256);
+  EXPECT_TRUE(offerBatch(events, none, contexts, 0, 2, batch.data(), 256));
+  EXPECT_EQ(events.size(), 1023u + 256u);
+  EXPECT_FALSE(offerBatch(events, none, contexts, 0, 3, batch.data(), 256));
+  EXPECT_FALSE(offerBatch(events, none, contexts, 0, 3, batch.data(), 1));
+  EXPECT_EQ(events.size(), 1023u + 256u);
+  EXPECT_EQ(bufferFull - refusedBefore, 2u);
+  EXPECT_EQ(events.back().timestamp, 2u);
+}
+
 TEST_F(Forwarding, DrainStopsAtAFrontEventWhoseContextIsNotReady) {
   IngestContextsMap contexts(log);
   IngesterConnections connections;
