@@ -136,6 +136,16 @@ TEST_F(ForwardCommandLine, PortWithoutLeadingNumberEndsThroughTerminate) {
   }
 }
 
+TEST_F(ForwardCommandLine, TailOfADirectoryStopsAtItsFailedSeek) {
+  // A directory opens, but its end (2^63-1 on ext4, an error elsewhere) reads as -1 once narrowed
+  // to 32 bits: the start-up seek of a tail fails, which is fatal.
+  const ProcessResult r = forward({"tail", dir.path(), "t", "to", "h:1"});
+  EXPECT_EQ(r.signal, SIGABRT);
+  EXPECT_THAT(r.out, ::testing::StartsWith("{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" +
+                                           versionText + "\", \"message\": \"Could not seek to end of file: "));
+  EXPECT_THAT(r.err, HasSubstr("TailLogEventSource::TailLogEventSource"));
+}
+
 TEST_F(ForwardCommandLine, UnresolvableTargetRefusesTheStart) {
   // A blank makes the name invalid: the lookup fails locally, without asking a name server.
   const ProcessResult r = forward({"stream", existing, "t", "to", "no such host:9000"});
