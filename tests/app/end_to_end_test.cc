@@ -85,16 +85,23 @@ class EndToEnd : public ::testing::Test {
     return arrivals;
   }
 
+  /// Starts the agent streaming a FIFO and returns the writing end, opened once the agent holds
+  /// the reading end.
+  int startFifoAgent() {
+    const std::string fifo = dir.file("pipe");
+    EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    startAgent({"stream", fifo, "token", "to", target()});
+    const int fd = open(fifo.c_str(), O_WRONLY);
+    EXPECT_GE(fd, 0);
+    return fd;
+  }
+
   /// Streams `lines` to the agent through a FIFO whose writer stays open until closeFifo(). While
   /// the writer is there the run cannot end, so it cannot end by design while a dead connection
   /// still holds unacknowledged batches; and the level-triggered pipe is never left unread, as a
   /// tail more than a read slice behind is until its file changes again.
   void streamThroughFifo(const std::string& lines) {
-    const std::string fifo = dir.file("pipe");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    startAgent({"stream", fifo, "token", "to", target()});
-    fifoWriter = open(fifo.c_str(), O_WRONLY);  // waits for the agent's reading end
-    ASSERT_GE(fifoWriter, 0);
+    fifoWriter = startFifoAgent();
     writer = std::thread([this, lines] {
       size_t done = 0;
       while (done < lines.size()) {
@@ -148,12 +155,10 @@ TEST_F(EndToEnd, EmptyStreamEndsByItselfOnceConnected) {
   // (finishing a connection that is still connecting fails it). So the input ends only after
   // the endpoint has accepted the connection and had time for the handshake.
   startSink();
-  const std::string fifo = dir.file("pipe");
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  startAgent({"stream", fifo, "token", "to", target()});
-  const int writer = open(fifo.c_str(), O_WRONLY);
-  ASSERT_GE(writer, 0);
-  ASSERT_TRUE(waitFor([&] { return readFile(dir.file("sink.err")).find("Accepted a connection") != std::string::npos; }, 10s));
+  const int writer = startFifoAgent();
+  ASSERT_TRUE(waitFor(
+      [&] { return readFile(dir.file("sink.err")).find("Accepted a connection") != std::string::npos; },
+      10s));
   usleep(300000);
   close(writer);
   ASSERT_TRUE(agent->wait(30s)) << agentLog();
@@ -213,19 +218,14 @@ TEST_F(EndToEnd, TailSendsOnlyWhatIsAppendedAfterTheStart) {
 
 TEST_F(EndToEnd, FifoStreamEndsWhenItsWriterGoes) {
   startSink();
-  const std::string fifo = dir.file("pipe");
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  startAgent({"stream", fifo, "token", "to", target()});
-  // Opening for writing waits until the agent has opened the reading end.
-  const int writer = open(fifo.c_str(), O_WRONLY);
-  ASSERT_GE(writer, 0);
+  const int writer = startFifoAgent();
   const std::string lines = numberedLines(1, 20000, "fifo");
   ASSERT_EQ(write(writer, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
   close(writer);
 
   ASSERT_TRUE(agent->wait(30s)) << agentLog();
   EXPECT_EQ(agent->exitCode(), 0);
-  EXPECT_THAT(agentLog(), HasSubstr("Stream at " + fifo + " has ended."));
+  EXPECT_THAT(agentLog(), HasSubstr("Stream at " + dir.file("pipe") + " has ended."));
   EXPECT_TRUE(waitFor([&] { return received().size() >= lines.size(); }, 10s));
   EXPECT_TRUE(received() == lines);
 }

@@ -13,34 +13,12 @@
 #include "tests/net/net_test_helpers.h"
 #include "tests/support/test_helpers.h"
 
+#include "tests/support/tls_helpers.h"
+
 namespace {
 
 using ::testing::ElementsAre;
 using State = NetworkConnection::State;
-
-// A throw-away self-signed certificate; no key is ever kept in the tree.
-void writeSelfSigned(const std::string& dir) {
-  EVP_PKEY* key = EVP_EC_gen("P-256");
-  X509* cert = X509_new();
-  X509_set_version(cert, 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
-  X509_gmtime_adj(X509_getm_notBefore(cert), 0);
-  X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
-  X509_set_pubkey(cert, key);
-  X509_NAME* name = X509_get_subject_name(cert);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
-  X509_set_issuer_name(cert, name);
-  X509_sign(cert, key, EVP_sha256());
-  FILE* file = fopen((dir + "/brindlewood.crt").c_str(), "w");
-  PEM_write_X509(file, cert);
-  fclose(file);
-  file = fopen((dir + "/brindlewood.key").c_str(), "w");
-  PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr);
-  fclose(file);
-  X509_free(cert);
-  EVP_PKEY_free(key);
-}
 
 // The server profile, set up once for the process from a certificate made on the spot.
 void initializeServerTls() {
@@ -48,7 +26,7 @@ void initializeServerTls() {
   if (done) return;
   done = true;
   TempDir dir;
-  writeSelfSigned(dir.path());
+  writeSelfSignedPair(dir.path());
   char previous[4096];
   ASSERT_NE(getcwd(previous, sizeof(previous)), nullptr);
   ASSERT_EQ(chdir(dir.path().c_str()), 0);
