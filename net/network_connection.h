@@ -167,6 +167,9 @@ class NetworkConnection : public EpollListener {
   /// and their words.
   void proceedSSLHandshake(int (*step)(SSL*), State waiting, const char* closedText,
                            const char* failedText);
+  /// After a TLS call that returned `ret` <= 0: waits for what OpenSSL asked for (true), or logs
+  /// `failedText` with the OpenSSL text and fails the connection (false).
+  bool awaitSSL(int ret, const char* failedText);
   void proceedSSLRead();
   void proceedSSLWrite();
   void proceedSSLShutdown();

@@ -145,18 +145,21 @@ void NetworkConnection::proceedSSLHandshake(int (*step)(SSL*), State waiting, co
     return;
   }
   assert(ret < 0);
+  if (awaitSSL(ret, failedText)) state = waiting;
+}
+
+bool NetworkConnection::awaitSSL(int ret, const char* failedText) {
   switch (SSL_get_error(ssl, ret)) {
     case SSL_ERROR_WANT_READ:
-      state = waiting;
       loop->setEpollListener(socket, EPOLLIN, this);
-      return;
+      return true;
     case SSL_ERROR_WANT_WRITE:
-      state = waiting;
       loop->setEpollListener(socket, EPOLLOUT, this);
-      return;
+      return true;
     default:
       error(log) << failedText << sslErrorText() << std::endl;
       failConnection();
+      return false;
   }
 }
 
@@ -177,17 +180,7 @@ void NetworkConnection::proceedSSLWrite() {
     usedSendBuffer = sendWrite - sendRead;
   }
   // Once the queue is empty the interest stays as it was; the next event reads and resets it.
-  switch (SSL_get_error(ssl, ret)) {
-    case SSL_ERROR_WANT_READ:
-      loop->setEpollListener(socket, EPOLLIN, this);
-      return;
-    case SSL_ERROR_WANT_WRITE:
-      loop->setEpollListener(socket, EPOLLOUT, this);
-      return;
-    default:
-      error(log) << "SSL_write returned unknown error, " << sslErrorText() << std::endl;
-      failConnection();
-  }
+  awaitSSL(ret, "SSL_write returned unknown error, ");
 }
 
 void NetworkConnection::proceedSSLRead() {
@@ -252,15 +245,5 @@ void NetworkConnection::proceedSSLShutdown() {
   const int ret = SSL_shutdown(ssl);
   state = CLOSED_WRITE;
   if (ret >= 0) return;
-  switch (SSL_get_error(ssl, ret)) {
-    case SSL_ERROR_WANT_READ:
-      loop->setEpollListener(socket, EPOLLIN, this);
-      return;
-    case SSL_ERROR_WANT_WRITE:
-      loop->setEpollListener(socket, EPOLLOUT, this);
-      return;
-    default:
-      error(log) << "SSL_shutdown returned unknown error, " << sslErrorText() << std::endl;
-      failConnection();
-  }
+  awaitSSL(ret, "SSL_shutdown returned unknown error, ");
 }
