@@ -39,8 +39,14 @@ bool offerBatch(EventQueue& events, const IngesterConnections& connections, Inge
   }
   // Whole batches or nothing: the queue may grow past the limit by up to one batch.
   if (events.size() > QUEUE_LIMIT - 1) {
-    ++bufferFull;
-    return false;
+    // A full queue is often only a socket that was full a moment ago. Without this drain a
+    // refused source waits for the one-second flush, and a pause of a few milliseconds at the
+    // endpoint becomes a stall of up to a second.
+    drainEvents(events, connections, contexts);
+    if (events.size() > QUEUE_LIMIT - 1) {
+      ++bufferFull;
+      return false;
+    }
   }
   for (uint32_t n = 0; n < count; ++n) {
     events.push_back(LogEvent{context, timestamp,

@@ -68,8 +68,9 @@ void setupForwardConnection(const std::unique_ptr<IngesterConnection>& con, Even
                             EventLoop& loop, IngestContextsMap& contexts, const Log& log);
 
 /// The event sink of a run: a batch goes straight to the first connection when nothing waits and
-/// that connection can take it; otherwise it joins the queue whole, unless more than 1023
-/// events wait already, in which case nothing is taken (false) and bufferFull counts it.
+/// that connection can take it; otherwise it joins the queue whole. With more than 1023 events
+/// waiting the queue is drained once first, and only if it is still that full is nothing taken
+/// (false, and bufferFull counts it).
 bool offerBatch(EventQueue& events, const IngesterConnections& connections, IngestContextsMap& contexts,
                 uint32_t context, uint64_t timestamp, const EphemeralLogEvent* batch, uint32_t count);
 

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/sink_process.h"
 #include "tests/support/test_helpers.h"
 
 namespace {
@@ -38,22 +39,8 @@ std::string numberedLines(int first, int last, const std::string& tag) {
 class EndToEnd : public ::testing::Test {
  protected:
   /// Starts the endpoint on an ephemeral loopback port; events arrive in `received` as raw bytes.
-  void startSink(std::vector<std::string> flags = {}) {
-    std::vector<std::string> argv = {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0", "--print-port",
-                                     "--format", "raw", "--out", dir.file("received")};
-    argv.insert(argv.end(), flags.begin(), flags.end());
-    sink = std::make_unique<ChildProcess>(argv, dir.file("sink.out"), dir.file("sink.err"), dir.path());
-    std::smatch match;
-    const std::regex portLine("(^|\n)([0-9]+)\n");
-    ASSERT_TRUE(waitFor(
-        [&] {
-          const std::string err = readFile(dir.file("sink.err"));
-          if (!std::regex_search(err, match, portLine)) return false;
-          port = match[2];
-          return true;
-        },
-        10s))
-        << readFile(dir.file("sink.err"));
+  void startSink(const std::vector<std::string>& flags = {}) {
+    startSinkProcess(DROVER_SINK_BINARY, dir, flags, sink, port);
   }
 
   std::string target() const { return "127.0.0.1:" + port; }

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -126,8 +127,13 @@ std::vector<std::string> splitLines(const std::string& text) {
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
                            const std::string& errPath, const std::string& cwd) {
   ::signal(SIGCHLD, SIG_DFL);  // see runProcess
+  // Closed by the exec: until then /proc still shows this process's image in the child, and a
+  // peak taken that early would be ours, not the program's.
+  int execDone[2];
+  if (pipe2(execDone, O_CLOEXEC) != 0) return;
   child = fork();
   if (child == 0) {
+    close(execDone[0]);
     const int in = open("/dev/null", O_RDONLY);
     const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -142,6 +148,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
     execv(args[0], args.data());
     _exit(127);
   }
+  close(execDone[1]);
+  char ignored;
+  while (read(execDone[0], &ignored, 1) < 0 && errno == EINTR) {
+  }
+  close(execDone[0]);
 }
 
 ChildProcess::~ChildProcess() {
