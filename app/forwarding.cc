@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 
 uint64_t eventsForwarded = 0;
 uint64_t bufferFull = 0;
@@ -49,9 +50,9 @@ bool offerBatch(EventQueue& events, const IngesterConnections& connections, Inge
     }
   }
   for (uint32_t n = 0; n < count; ++n) {
-    events.push_back(LogEvent{context, timestamp,
-                              std::string(reinterpret_cast<const char*>(batch[n].begin),
-                                          static_cast<size_t>(batch[n].end - batch[n].begin))});
+    events.emplace_back(context, timestamp,
+                        std::string(reinterpret_cast<const char*>(batch[n].begin),
+                                    static_cast<size_t>(batch[n].end - batch[n].begin)));
   }
   drainEvents(events, connections, contexts);
   return true;
@@ -61,10 +62,9 @@ void drainEvents(EventQueue& events, const IngesterConnections& connections, Ing
   for (const auto& con : connections) {
     while (!events.empty()) {
       if (!con->shouldSend()) break;
-      const LogEvent& front = events.front();
       // Only the front is ever looked at: order matters more than using every connection.
-      if (!contexts.isContextReady(front.context, con.get())) break;
-      con->sendEvent(front);
+      if (!contexts.isContextReady(events.front().context, con.get())) break;
+      con->sendEvent(std::move(events.front()));
       events.pop_front();
       ++eventsForwarded;
     }
@@ -76,7 +76,7 @@ void requeueUnacknowledged(IngesterConnection& con, EventQueue& events) {
   // Newest batch first, each walked from its first event: batches keep their order in front of
   // what waited, while the events inside a batch come out reversed. Each keeps its own time.
   while (!con.unacknowledged.empty()) {
-    for (const LogEvent& event : con.unacknowledged.back()) events.push_front(event);
+    for (LogEvent& event : con.unacknowledged.back()) events.push_front(std::move(event));
     con.unacknowledged.pop_back();
   }
 }

@@ -1,5 +1,7 @@
 #include "app/ingester_connection.h"
 
+#include <utility>
+
 #include "protocol/network_command.h"
 
 IngesterConnection::IngesterConnection(const Log& log, const ConnectionInfo& info)
@@ -23,10 +25,17 @@ void IngesterConnection::sendEvents(uint32_t context, uint64_t timestamp,
 }
 
 void IngesterConnection::sendEvent(const LogEvent& event) {
+  sendEvent(LogEvent(event));
+}
+
+void IngesterConnection::sendEvent(LogEvent&& event) {
   const uint8_t* data = reinterpret_cast<const uint8_t*>(event.data.data());
   const EphemeralLogEvent view{data, data + event.data.size()};
   send(CmdIngestLogEvents{event.context, event.timestamp, &view, 1});
-  unacknowledged.push_back(std::vector<LogEvent>{event});
+  // The kept copy is the event itself: the queue hands it over instead of copying it.
+  std::vector<LogEvent>& batch = unacknowledged.emplace_back();
+  batch.reserve(1);
+  batch.push_back(std::move(event));
 }
 
 void IngesterConnection::acknowledgeBatches(uint64_t sequence) {

@@ -24,6 +24,8 @@ class IngesterConnection : public NetworkConnection {
                   uint32_t count);
   /// Sends a kept event as a batch of one, and keeps a copy again.
   void sendEvent(const LogEvent& event);
+  /// The same for an event that its owner gives up: it becomes the kept copy itself.
+  void sendEvent(LogEvent&& event);
   /// Drops every kept batch up to and including number `sequence` (batches count from 0 in
   /// sending order). An older or repeated number does nothing. The ingester is trusted not to
   /// acknowledge a batch that was never sent.
