@@ -2,20 +2,23 @@
 
 #include <cassert>
 #include <mutex>
-#include <set>
+#include <string_view>
 
 namespace {
 
 // One lock for every Log of the process, so lines of two threads never interleave.
 std::mutex lineMutex;
 
-// The message slot: the Log a thread's current message is streamed into.
+// The message slot: the Log a thread's current message is streamed into. Made once per thread
+// and started anew for each message.
 thread_local std::unique_ptr<Log> messageSlot;
 
-Log& startMessage(const Log& log, const char* level) {
-  Log temporary = log.with("level", level);
-  messageSlot = std::make_unique<Log>(temporary);
-  return *messageSlot;
+// Whether a node nearer the head of the chain than `node` has the same key.
+bool isShadowed(const Log::Attributes* head, const Log::Attributes* node) {
+  for (const Log::Attributes* newer = head; newer != node; newer = newer->next.get()) {
+    if (newer->key == node->key) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -39,6 +42,21 @@ Log Log::with(const std::string& key, const std::string& value) const {
   Log derived(*output);
   derived.attributes = std::make_shared<Attributes>(Attributes{attributes, key, value});
   return derived;
+}
+
+Log& Log::startMessage(const Log& log, const char* level) {
+  if (!messageSlot) messageSlot = std::make_unique<Log>(*log.output);
+  Log& slot = *messageSlot;
+  // As fresh as a new Log: no half message, no stream state or format left from the last one.
+  slot.formattingBuffer.str(std::string());
+  slot.clear();
+  slot.flags(std::ios_base::skipws | std::ios_base::dec);
+  slot.precision(6);
+  slot.width(0);
+  slot.fill(' ');
+  slot.output = log.output;
+  slot.attributes = std::make_shared<Attributes>(Attributes{log.attributes, "level", level});
+  return slot;
 }
 
 void appendEscapedJson(std::string& out, const char* data, size_t size) {
@@ -72,25 +90,36 @@ std::string escapeJson(const std::string& text) {
 }
 
 int Log::FormattingBuffer::sync() {
-  std::lock_guard<std::mutex> lock(lineMutex);
-  std::set<std::string> seen;
-  std::ostream& out = *log->output;
-  out << "{";
-  for (std::shared_ptr<Attributes> node = log->attributes; node; node = node->next) {
-    if (node->key.empty() || seen.count(node->key)) continue;
-    out << '"' << escapeJson(node->key) << "\":\"" << escapeJson(node->value) << "\", ";
-    seen.insert(node->key);
+  // The line is built in a buffer of the thread's own and leaves in one write, so the lock is
+  // held for the write alone and nothing is allocated once the buffer has grown.
+  thread_local std::string line;
+  line.clear();
+  line += '{';
+  const Attributes* head = log->attributes.get();
+  for (const Attributes* node = head; node; node = node->next.get()) {
+    if (node->key.empty() || isShadowed(head, node)) continue;
+    line += '"';
+    appendEscapedJson(line, node->key.data(), node->key.size());
+    line += "\":\"";
+    appendEscapedJson(line, node->value.data(), node->value.size());
+    line += "\", ";
   }
-  const std::string text = str();
   assert(!str().empty() && str().back() == '\n');
-  out << "\"message\": \"";
-  std::string message;
-  appendEscapedJson(message, text.data(), text.size() - 1);
-  out << message << '"' << "}" << std::endl;
-  str(std::string());
+  const std::string_view text = view();
+  line += "\"message\": \"";
+  appendEscapedJson(line, text.data(), text.size() - 1);
+  line += "\"}\n";
+  // Handing the text back keeps its capacity for the next message.
+  std::string emptied = std::move(*this).str();
+  emptied.clear();
+  str(std::move(emptied));
+
+  std::lock_guard<std::mutex> lock(lineMutex);
+  log->output->write(line.data(), static_cast<std::streamsize>(line.size()));
+  log->output->flush();
   return 0;
 }
 
-Log& info(const Log& log) { return startMessage(log, "INFO"); }
+Log& info(const Log& log) { return Log::startMessage(log, "INFO"); }
 
-Log& error(const Log& log) { return startMessage(log, "ERROR"); }
+Log& error(const Log& log) { return Log::startMessage(log, "ERROR"); }

@@ -35,6 +35,11 @@ class Log : public std::ostream {
   }
 
  private:
+  friend Log& info(const Log& log);
+  friend Log& error(const Log& log);
+  /// Readies this thread's message slot for a message of `log` at `level`.
+  static Log& startMessage(const Log& log, const char* level);
+
   class FormattingBuffer : public std::stringbuf {
    public:
     explicit FormattingBuffer(Log* owner) : log(owner) {}

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <iomanip>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -35,6 +36,20 @@ TEST(LogLine, EmptyKeyLeftOutEmptyValueKept) {
   const Log log = Log(out).with("", "hidden").with("k", "");
   info(log) << "m" << std::endl;
   EXPECT_EQ(out.str(), "{\"level\":\"INFO\", \"k\":\"\", \"message\": \"m\"}\n");
+}
+
+TEST(LogLine, EveryMessageStartsFresh) {
+  // The thread's message slot is reused: nothing of one message may leak into the next.
+  std::ostringstream out;
+  const Log log(out);
+  info(log) << std::hex << std::setw(6) << std::setfill('0') << 255 << std::endl;
+  info(log) << 255 << " " << 1.5 << std::endl;
+  info(log) << "abandoned half";
+  error(log) << "whole" << std::endl;
+  EXPECT_EQ(out.str(),
+            "{\"level\":\"INFO\", \"message\": \"0000ff\"}\n"
+            "{\"level\":\"INFO\", \"message\": \"255 1.5\"}\n"
+            "{\"level\":\"ERROR\", \"message\": \"whole\"}\n");
 }
 
 TEST(LogLine, BareLogAndEmptyMessage) {
