@@ -67,12 +67,12 @@ def main(json_path, png_path):
             for j, lines in enumerate(sizes):
                 axis.hlines(2.0 if lines < 5000000 else 1.8, j - 0.45, j + 0.45,
                             colors="black", linestyles="dashed", linewidth=1)
-            axis.legend(handles=[goal], fontsize=8, loc="upper right")
         if key == "rss":
             axis.axhline(20, color="black", linestyle="dashed", linewidth=1)
-            axis.legend(handles=[goal], fontsize=8, loc="upper right")
+        top = max((bar.get_height() for bar in axis.patches), default=1)
         if logarithmic:
             axis.set_yscale("log")
+            axis.set_ylim(top=top * 1.8)  # room for the numbers over the bars
             # Plain numbers: the readers compare seconds, not powers of ten.
             axis.yaxis.set_major_formatter(FuncFormatter(lambda v, _: f"{v:g}"))
             axis.yaxis.set_minor_formatter(FuncFormatter(
@@ -81,12 +81,16 @@ def main(json_path, png_path):
         axis.set_xticklabels([f"{lines:,} lines" for lines in sizes])
         axis.set_title(title)
         axis.grid(axis="y", alpha=0.3)
-    axes[0].legend(fontsize=8, loc="upper left")
+        if not logarithmic:
+            axis.set_ylim(0, max(top, 20) * 1.12)
+    handles, names_shown = axes[0].get_legend_handles_labels()
+    fig.legend(handles + [goal], names_shown + ["drover's goal"], loc="lower center",
+               ncol=len(handles) + 1, fontsize=9, frameon=False)
     loads = [r["load_before"] for r in runs if r.get("load_before") is not None]
     load_text = f", load before runs {min(loads):.2f}-{max(loads):.2f}" if loads else ""
     fig.suptitle(f"drover end to end: {meta['rounds']} round(s), {meta['started']}, "
                  f"{meta['cores']} cores{load_text}; medians, whiskers min-max")
-    fig.tight_layout()
+    fig.tight_layout(rect=(0, 0.06, 1, 1))
     fig.savefig(png_path, dpi=110)
 
 
