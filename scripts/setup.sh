@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake make pkg-config libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev python3
+packages=(g++ cmake make pkg-config libssl-dev openssl libmimalloc-dev libgtest-dev libgmock-dev libbenchmark-dev python3
           clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
