@@ -14,7 +14,7 @@
 #include "loop/event_loop.h"
 #include "protocol/ingest_contexts_map.h"
 #include "protocol/network_command.h"
-#include "sources/log_event.h"
+#include "support/log_event.h"
 #include "support/log.h"
 
 /// Totals since the start of the process, touched on the main thread only.

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "net/network_connection.h"
-#include "sources/log_event.h"
+#include "support/log_event.h"
 
 class IngesterConnection : public NetworkConnection {
  public:

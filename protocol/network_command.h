@@ -18,7 +18,7 @@
 #include <variant>
 #include <vector>
 
-#include "sources/log_event.h"
+#include "support/log_event.h"
 
 /// The scope of the command ids. Ids are the protocol's numbering, unrelated to the order of the
 /// alternatives of NetworkCommand.

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "sink/sink_options.h"
-#include "sources/log_event.h"
+#include "support/log_event.h"
 #include "support/log.h"
 
 class EventWriter {

@@ -10,7 +10,7 @@
 
 #include "loop/event_loop.h"
 #include "protocol/ingest_contexts_map.h"
-#include "sources/log_event.h"
+#include "support/log_event.h"
 #include "sources/timestamp_extractor.h"
 #include "support/log.h"
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "sources/log_event.h"
+#include "support/log_event.h"
 
 /// Gives each event a time in nanoseconds since the Unix epoch. Owned by its source; used on the
 /// loop's thread only.

@@ -1,5 +1,5 @@
-// The two forms of a log event and the event sink. Plain data, no dependencies: protocol/ sends
-// these and app/ queues them, so this header stands apart from the source classes.
+// The two forms of a log event and the event sink. Plain data with no dependencies: sources/
+// makes these, protocol/ sends them and app/ queues them, so they live below all three.
 #pragma once
 
 #include <cstdint>
