@@ -126,8 +126,9 @@ class NetworkConnection : public EpollListener {
   void send(const CmdIngestLogAck& cmd);
   /// Builds and dispatches a received command; false if it has no case or a field was truncated.
   bool parseCommand(uint16_t command, IncomingPacket& packet);
-  /// Extension point for other programs' commands; each program links its own definition.
-  bool parseOtherCommand(uint16_t command, IncomingPacket& packet);
+  /// The second stage after parseCommand, for commands of other programs: the agent's (in
+  /// app/drover_stubs.cc) takes none; the sink overrides it with the parsers of its commands.
+  virtual bool parseOtherCommand(uint16_t command, IncomingPacket& packet);
 
   const ConnectionInfo connectionInfo;
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "net/network_connection.h"
+#include "sink/sink_connection.h"
 #include "protocol/network_command.h"
 #include "protocol/network_packet.h"
 
@@ -36,7 +37,7 @@ bool dispatch(NetworkCmdAcceptor& acceptor, const NetworkConnection::IncomingPac
 
 }  // namespace
 
-bool NetworkConnection::parseOtherCommand(uint16_t command, IncomingPacket& packet) {
+bool SinkConnection::parseOtherCommand(uint16_t command, IncomingPacket& packet) {
   switch (command) {
     case CmdRegisterIngestContext::ID: {
       const uint8_t length = packet.read<uint8_t>();

@@ -45,6 +45,8 @@ class SinkConnection : public NetworkConnection {
   /// Base parse, then flush the output and send the acknowledgements of this burst, then carry
   /// out the faults that became due. Parses nothing while a stall holds the connection.
   void parseRecvBuffer() override;
+  /// The commands an agent sends, which the shared code has no reader for.
+  bool parseOtherCommand(uint16_t command, IncomingPacket& packet) override;
 
   // Handlers of the three commands an agent sends; called from within parseRecvBuffer.
   void registerContext(const CmdRegisterIngestContext& cmd);
