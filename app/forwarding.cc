@@ -11,7 +11,6 @@ uint64_t networkConnects = 0;
 
 void setupForwardConnection(const std::unique_ptr<IngesterConnection>& con, EventQueue& events,
                             EventLoop& loop, IngestContextsMap& contexts, const Log& log) {
-  con->eventRequeuer = [&events](LogEvent event) { events.push_front(std::move(event)); };
   con->registerAt(&loop);
   con->setHandler(std::make_unique<AgentHandler>(con.get(), events, contexts, Log(log)));
   IngesterConnection* connection = con.get();

@@ -33,10 +33,13 @@ class ForwardConHandler {
   ForwardConHandler(IngesterConnection* connection, Events queue, Contexts map, LogType peerLog)
       : con(connection), events(queue), contexts(map), log(peerLog) {}
 
-  /// Exactly the ids of the overloads below: 0, 3, 50 and 51.
+  /// Exactly the ids of the overloads below.
   CommandSet acceptedCommands() const {
     CommandSet set;
-    set.words[0] = 0x000C000000000009ull;
+    for (uint16_t id : {CmdError::ID, CmdIngestContextRegistered::ID, CmdIngestConfigAck::ID,
+                        CmdIngestLogAck::ID}) {
+      set.insert(id);
+    }
     return set;
   }
 
@@ -56,7 +59,9 @@ class ForwardConHandler {
 
  private:
   IngesterConnection* con;  // the connection owning this handler
-  Events events;            // held as the connection's way back into the queue; unused here
+  // The run's queue. No answer of an ingester touches it: events come back to the queue only
+  // through the connection check, which owns the order of re-sending.
+  Events events;
   Contexts contexts;
   LogType log;
 };

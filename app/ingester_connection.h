@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <vector>
 
 #include "net/network_connection.h"
@@ -31,8 +30,6 @@ class IngesterConnection : public NetworkConnection {
   /// acknowledge a batch that was never sent.
   void acknowledgeBatches(uint64_t sequence);
 
-  /// Puts an event back at the front of the shared queue. Set by the creator.
-  std::function<void(LogEvent)> eventRequeuer;
   /// Sent batches not yet acknowledged, oldest first.
   std::deque<std::vector<LogEvent>> unacknowledged;
   /// Batches removed from the front of `unacknowledged` so far.
