@@ -68,12 +68,6 @@ class NetworkConnection : public EpollListener {
   NetworkConnection& operator=(const NetworkConnection&) = delete;
 
   void descriptorAvailable(int events) override;
-  /// Calls the error handler if set. Reached at most once, and never together with the finish.
-  virtual void connectionError();
-  /// Calls the finished handler if set.
-  virtual void connectionFinished();
-  /// Cuts whole packets out of the receive buffer and dispatches them in place.
-  virtual void parseRecvBuffer();
 
   /// Moves the connection to `newLoop` (leaving any earlier loop). A connection without a socket
   /// stays unregistered.
@@ -104,6 +98,32 @@ class NetworkConnection : public EpollListener {
   /// Takes ownership of `acceptor` (destroying an earlier one) and copies its acceptedCommands().
   void setHandler(std::unique_ptr<NetworkCmdAcceptor> acceptor);
 
+  // One packet each, written whole into the send buffer (protocol/network_command.cc).
+  void send(const CmdError& cmd);
+  void send(const CmdRegisterIngestContext& cmd);
+  void send(const CmdIngestContextRegistered& cmd);
+  void send(const CmdIngestLogEvents& cmd);
+  void send(const CmdIngestConfig& cmd);
+  void send(const CmdIngestConfigAck& cmd);
+  void send(const CmdIngestLogAck& cmd);
+
+  const ConnectionInfo connectionInfo;
+
+ protected:
+  static constexpr uint64_t INITIAL_RECV_BUFFER_SIZE = 65536;
+
+  /// Calls the error handler if set. Reached at most once, and never together with the finish.
+  virtual void connectionError();
+  /// Calls the finished handler if set.
+  virtual void connectionFinished();
+  /// Cuts whole packets out of the receive buffer and dispatches them in place.
+  virtual void parseRecvBuffer();
+  /// Builds and dispatches a received command; false if it has no case or a field was truncated.
+  bool parseCommand(uint16_t command, IncomingPacket& packet);
+  /// The second stage after parseCommand, for commands of other programs: the agent's (in
+  /// app/drover_stubs.cc) takes none; the sink overrides it with the parsers of its commands.
+  virtual bool parseOtherCommand(uint16_t command, IncomingPacket& packet);
+
   /// Recomputes what the connection waits for; with TLS this also writes queued data at once.
   /// Called after every completed outgoing packet.
   void epollListen();
@@ -116,24 +136,6 @@ class NetworkConnection : public EpollListener {
   /// A held reference postpones the final callback until the last decReferenceCount().
   void incReferenceCount();
   void decReferenceCount();
-
-  void send(const CmdError& cmd);
-  void send(const CmdRegisterIngestContext& cmd);
-  void send(const CmdIngestContextRegistered& cmd);
-  void send(const CmdIngestLogEvents& cmd);
-  void send(const CmdIngestConfig& cmd);
-  void send(const CmdIngestConfigAck& cmd);
-  void send(const CmdIngestLogAck& cmd);
-  /// Builds and dispatches a received command; false if it has no case or a field was truncated.
-  bool parseCommand(uint16_t command, IncomingPacket& packet);
-  /// The second stage after parseCommand, for commands of other programs: the agent's (in
-  /// app/drover_stubs.cc) takes none; the sink overrides it with the parsers of its commands.
-  virtual bool parseOtherCommand(uint16_t command, IncomingPacket& packet);
-
-  const ConnectionInfo connectionInfo;
-
- protected:
-  static constexpr uint64_t INITIAL_RECV_BUFFER_SIZE = 65536;
 
   static bool initialized;
   static SSL_CTX* sslCtx;

@@ -21,7 +21,12 @@
 
 class TestConnection : public NetworkConnection {
  public:
+  using NetworkConnection::decReferenceCount;
+  using NetworkConnection::epollListen;
   using NetworkConnection::externalReferenceCount;
+  using NetworkConnection::incReferenceCount;
+  using NetworkConnection::parseCommand;
+  using NetworkConnection::startConnect;
   using NetworkConnection::LineBudget;
   using NetworkConnection::loop;
   using NetworkConnection::NetworkConnection;

@@ -22,6 +22,7 @@ using ::testing::HasSubstr;
 class PlainConnection : public NetworkConnection {
  public:
   PlainConnection(const Log& log, int fd) : NetworkConnection(log, ConnectionInfo(), fd, false) {}
+  using NetworkConnection::parseCommand;
 };
 
 struct ConfigAckRecorder {

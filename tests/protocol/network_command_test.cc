@@ -23,6 +23,7 @@ using ::testing::ElementsAre;
 class PlainConnection : public NetworkConnection {
  public:
   PlainConnection(const Log& log, int fd) : NetworkConnection(log, ConnectionInfo(), fd, false) {}
+  using NetworkConnection::parseCommand;
   std::string queued() const {
     return sendBuffer ? std::string(reinterpret_cast<const char*>(sendRead), sendWrite - sendRead)
                       : std::string();
