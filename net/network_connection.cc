@@ -11,14 +11,14 @@
 #include <cerrno>
 #include <cstring>
 
+// The one include from the layer above: the connection owns its command acceptor, and destroying
+// it takes the acceptor's definition.
 #include "protocol/network_command.h"
-#include "protocol/network_packet.h"
+
 
 namespace {
 
 constexpr uint64_t SHOULD_SEND_LIMIT = 4096;
-// A read gets at least this much room; less than that and the data slides or the buffer grows.
-constexpr uint64_t READ_ROOM = 4096;
 // Growth beyond this is unusual enough to be worth a line.
 constexpr uint64_t LOGGED_RECV_GROWTH = 31457280;
 
@@ -139,25 +139,6 @@ void NetworkConnection::setErrorHandler(std::function<void()> newHandler) {
 
 void NetworkConnection::setFinishedHandler(std::function<void()> newHandler) {
   finishedHandler = std::move(newHandler);
-}
-
-void NetworkConnection::setHandler(std::unique_ptr<NetworkCmdAcceptor> acceptor) {
-  handler = std::move(acceptor);
-  acceptedCommands.reset();
-  extendedAcceptedCommands.clear();
-  if (!handler) return;
-  const CommandSet accepted = handler->acceptedCommands();
-  for (size_t id = 0; id < acceptedCommands.size(); ++id) {
-    acceptedCommands[id] = (accepted.words[id / 64] >> (id % 64)) & 1;
-  }
-  extendedAcceptedCommands = accepted.extended;
-}
-
-bool NetworkConnection::isAccepted(uint16_t command) const {
-  if (command < acceptedCommands.size()) return acceptedCommands[command];
-  const size_t offset = command - acceptedCommands.size();
-  if (offset / 64 >= extendedAcceptedCommands.size()) return false;
-  return (extendedAcceptedCommands[offset / 64] >> (offset % 64)) & 1;
 }
 
 void NetworkConnection::prepareRecvBuffer() {
@@ -532,51 +513,5 @@ void NetworkConnection::decReferenceCount() {
     info(log) << "Error on the connection from " << connectionInfo << "(after !refCount)"
               << std::endl;
     finalizeError();
-  }
-}
-
-void NetworkConnection::parseRecvBuffer() {
-  int64_t available = recvWrite - recvRead;
-  assert(available >= 0);
-  while (available >= 4) {
-    uint32_t length;
-    memcpy(&length, recvRead, sizeof(length));
-    if (length < PACKET_HEADER_SIZE) {
-      error(log) << "Received packet too small (" << length << "), terminating connection"
-                 << std::endl;
-      failConnection();
-      return;
-    }
-    if (length > MAXIMUM_PACKET_LENGTH) {
-      error(log) << "Received package too large (" << length << "), terminating connection"
-                 << std::endl;
-      failConnection();
-      return;
-    }
-    // Make the whole packet fit as soon as its header is known, so it can be parsed in place.
-    if (length >= READ_ROOM) growRecvBuffer(length);
-    if (available < length) return;
-
-    uint16_t command;
-    memcpy(&command, recvRead + 4, sizeof(command));
-    if (!handler) {
-      error(log) << "Received " << command << " packet of length " << length
-                 << ", but no handler set." << std::endl;
-    } else if (!isAccepted(command)) {
-      error(log) << "Received unaccepted command: " << command << std::endl;
-      failConnection();
-      return;
-    } else {
-      IncomingPacket packet(this, recvRead + PACKET_HEADER_SIZE, recvRead + length);
-      if (!parseCommand(command, packet) && !parseOtherCommand(command, packet)) {
-        error(log) << "Failed to parse incoming command: " << command << std::endl;
-        failConnection();
-        return;
-      }
-    }
-    // A handler may have sent or grown the buffer: recvRead is read anew, never kept across.
-    recvRead += length;
-    available = recvWrite - recvRead;
-    assert(available >= 0);
   }
 }

@@ -95,7 +95,8 @@ class NetworkConnection : public EpollListener {
   void setReadClosedHandler(std::function<void()> handler);
   void setErrorHandler(std::function<void()> handler);
   void setFinishedHandler(std::function<void()> handler);
-  /// Takes ownership of `acceptor` (destroying an earlier one) and copies its acceptedCommands().
+  /// Takes ownership of `acceptor` (destroying an earlier one) and copies its acceptedCommands()
+  /// (protocol/network_command.cc).
   void setHandler(std::unique_ptr<NetworkCmdAcceptor> acceptor);
 
   // One packet each, written whole into the send buffer (protocol/network_command.cc).
@@ -111,12 +112,15 @@ class NetworkConnection : public EpollListener {
 
  protected:
   static constexpr uint64_t INITIAL_RECV_BUFFER_SIZE = 65536;
+  /// A read gets at least this much room; less than that and the data slides or the buffer grows.
+  static constexpr uint64_t READ_ROOM = 4096;
 
   /// Calls the error handler if set. Reached at most once, and never together with the finish.
   virtual void connectionError();
   /// Calls the finished handler if set.
   virtual void connectionFinished();
-  /// Cuts whole packets out of the receive buffer and dispatches them in place.
+  /// Cuts whole packets out of the receive buffer and dispatches them in place
+  /// (protocol/network_packet.cc).
   virtual void parseRecvBuffer();
   /// Builds and dispatches a received command; false if it has no case or a field was truncated.
   bool parseCommand(uint16_t command, IncomingPacket& packet);

@@ -7,6 +7,25 @@
 #include "net/network_connection.h"
 #include "protocol/network_packet.h"
 
+void NetworkConnection::setHandler(std::unique_ptr<NetworkCmdAcceptor> acceptor) {
+  handler = std::move(acceptor);
+  acceptedCommands.reset();
+  extendedAcceptedCommands.clear();
+  if (!handler) return;
+  const CommandSet accepted = handler->acceptedCommands();
+  for (size_t id = 0; id < acceptedCommands.size(); ++id) {
+    acceptedCommands[id] = (accepted.words[id / 64] >> (id % 64)) & 1;
+  }
+  extendedAcceptedCommands = accepted.extended;
+}
+
+bool NetworkConnection::isAccepted(uint16_t command) const {
+  if (command < acceptedCommands.size()) return acceptedCommands[command];
+  const size_t offset = command - acceptedCommands.size();
+  if (offset / 64 >= extendedAcceptedCommands.size()) return false;
+  return (extendedAcceptedCommands[offset / 64] >> (offset % 64)) & 1;
+}
+
 void CommandSet::insert(uint16_t id) {
   if (id < 256) {
     words[id / 64] |= 1ull << (id % 64);

@@ -3,6 +3,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cassert>
+#include <cstring>
+
 namespace {
 
 constexpr uint64_t INITIAL_SEND_BUFFER_SIZE = 65536;
@@ -166,4 +169,52 @@ ConnectionInfo NetworkConnection::IncomingPacket::readStructure() {
   if (tag < 0) return ConnectionInfo();
   std::unique_ptr<ConnectionInfo> info = readAddressBody(tag);
   return info ? *info : ConnectionInfo();
+}
+
+// The incoming packet loop: whole packets are cut out of the receive buffer and parsed where they
+// lie.
+void NetworkConnection::parseRecvBuffer() {
+  int64_t available = recvWrite - recvRead;
+  assert(available >= 0);
+  while (available >= 4) {
+    uint32_t length;
+    memcpy(&length, recvRead, sizeof(length));
+    if (length < PACKET_HEADER_SIZE) {
+      error(log) << "Received packet too small (" << length << "), terminating connection"
+                 << std::endl;
+      failConnection();
+      return;
+    }
+    if (length > MAXIMUM_PACKET_LENGTH) {
+      error(log) << "Received package too large (" << length << "), terminating connection"
+                 << std::endl;
+      failConnection();
+      return;
+    }
+    // Make the whole packet fit as soon as its header is known, so it can be parsed in place.
+    if (length >= READ_ROOM) growRecvBuffer(length);
+    if (available < length) return;
+
+    uint16_t command;
+    memcpy(&command, recvRead + 4, sizeof(command));
+    if (!handler) {
+      error(log) << "Received " << command << " packet of length " << length
+                 << ", but no handler set." << std::endl;
+    } else if (!isAccepted(command)) {
+      error(log) << "Received unaccepted command: " << command << std::endl;
+      failConnection();
+      return;
+    } else {
+      IncomingPacket packet(this, recvRead + PACKET_HEADER_SIZE, recvRead + length);
+      if (!parseCommand(command, packet) && !parseOtherCommand(command, packet)) {
+        error(log) << "Failed to parse incoming command: " << command << std::endl;
+        failConnection();
+        return;
+      }
+    }
+    // A handler may have sent or grown the buffer: recvRead is read anew, never kept across.
+    recvRead += length;
+    available = recvWrite - recvRead;
+    assert(available >= 0);
+  }
 }
