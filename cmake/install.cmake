@@ -27,7 +27,10 @@ set(DROVER_SYSTEMD_UNIT_DIR ${drover_unit_dir} CACHE PATH "Directory for drover@
 set(DROVER_BINARY ${CMAKE_INSTALL_FULL_BINDIR}/drover)
 set(DROVER_INSTANCE ${CMAKE_INSTALL_FULL_LIBEXECDIR}/drover/drover-instance)
 set(DROVER_CONF_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/drover)
-configure_file(${drover_dist_dir}/drover-instance.in ${drover_package_dir}/drover-instance @ONLY)
+# Runnable in the build tree too, where the tests run it.
+configure_file(${drover_dist_dir}/drover-instance.in ${drover_package_dir}/drover-instance @ONLY
+               FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                                WORLD_READ WORLD_EXECUTE)
 configure_file(${drover_dist_dir}/drover@.service.in ${drover_package_dir}/drover@.service @ONLY)
 configure_file(${drover_dist_dir}/debian/conffiles.in ${drover_package_dir}/conffiles @ONLY)
 
