@@ -22,7 +22,11 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     endif()
   endif()
 endif()
-set(DROVER_SYSTEMD_UNIT_DIR ${drover_unit_dir} CACHE PATH "Directory for drover@.service")
+# Empty means derived from the prefix, so that a later change of the prefix moves the unit too.
+set(DROVER_SYSTEMD_UNIT_DIR "" CACHE PATH "Directory for drover@.service (empty: by the prefix)")
+if(DROVER_SYSTEMD_UNIT_DIR)
+  set(drover_unit_dir ${DROVER_SYSTEMD_UNIT_DIR})
+endif()
 
 set(DROVER_BINARY ${CMAKE_INSTALL_FULL_BINDIR}/drover)
 set(DROVER_INSTANCE ${CMAKE_INSTALL_FULL_LIBEXECDIR}/drover/drover-instance)
@@ -71,7 +75,7 @@ endif()
 install(FILES ${drover_man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(PROGRAMS ${drover_package_dir}/drover-instance
         DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/drover)
-install(FILES ${drover_package_dir}/drover@.service DESTINATION ${DROVER_SYSTEMD_UNIT_DIR})
+install(FILES ${drover_package_dir}/drover@.service DESTINATION ${drover_unit_dir})
 install(FILES ${drover_dist_dir}/example.conf DESTINATION ${DROVER_CONF_DIR})
 install(FILES ${drover_dist_dir}/example.conf ${drover_dist_dir}/logrotate.conf
         DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)

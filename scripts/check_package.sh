@@ -23,13 +23,16 @@ echo "== $package"
 # What an operator installs: programs, manual pages, the unit with its runner, the examples.
 contents=$(dpkg-deb --contents "$package")
 for path in usr/bin/drover usr/bin/drover-sink usr/share/man/man1/drover.1.gz \
-            usr/share/man/man1/drover-sink.1.gz systemd/system/drover@.service \
+            usr/share/man/man1/drover-sink.1.gz \
             usr/libexec/drover/drover-instance etc/drover/example.conf \
             usr/share/doc/drover/examples/example.conf \
             usr/share/doc/drover/examples/logrotate.conf usr/share/doc/drover/copyright \
             usr/share/doc/drover/changelog.gz; do
   grep -q "/$path\$" <<<"$contents" || fail "$path is not in the package"
 done
+# Where systemd looks for packaged units, not under /usr/local.
+grep -Eq " \./(usr/)?lib/systemd/system/drover@\.service\$" <<<"$contents" ||
+  fail "drover@.service is not in the system unit directory"
 grep -qx /etc/drover/example.conf "$root/DEBIAN/conffiles" || fail "example.conf is no conffile"
 
 # The package version is the binaries' own version text, in Debian's form.
