@@ -4,8 +4,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(g++ cmake make pkg-config libssl-dev openssl libmimalloc-dev libgtest-dev libgmock-dev libbenchmark-dev python3
-          clang libclang-rt-14-dev)
+packages=(g++ cmake make pkg-config libssl-dev openssl libmimalloc-dev libgtest-dev libgmock-dev
+          libbenchmark-dev python3 clang libclang-rt-14-dev
+          # manual pages, the Debian package and its checks, the logrotate scenario
+          scdoc dpkg-dev file lintian systemd logrotate man-db)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

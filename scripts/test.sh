@@ -6,5 +6,6 @@ cd "$(dirname "$0")/.."
 build=build/test
 scripts/setup.sh "$build" -DDROVER_WERROR=ON
 ctest --test-dir "$build" --output-on-failure -j"$(nproc)" --timeout 600
+scripts/check_package.sh "$build"
 scripts/sanitize.sh
 scripts/fuzz.sh --smoke

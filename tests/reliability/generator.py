@@ -7,12 +7,14 @@ checker can tell a damaged line from a good one without keeping a copy.
 
 The writer keeps a schedule (line n is due at start + n / rate) and catches up in bursts after it
 was held back, as a real program with a backlog would. With --rotate-every it renames the file
-and carries on in a new one at the same path, at once.
+and carries on in a new one at the same path, at once. With --reopen-on-hup it leaves moving to
+someone else (logrotate) and opens the path again on SIGHUP, as daemons do in a postrotate.
 """
 
 import argparse
 import json
 import os
+import signal
 import sys
 import time
 
@@ -32,8 +34,11 @@ def line(src, seq, t_ns):
     return b"src=%d seq=%d t=%d %s\n" % (src, seq, t_ns, padding(src, seq))
 
 
-def write_file(path, lines, src, rate, rotate_every, rotations, status_path):
+def write_file(path, lines, src, rate, rotate_every, rotations, status_path, reopen_on_hup=False):
     """Writes `lines` lines; returns the summary of the run."""
+    hangups = []
+    if reopen_on_hup:
+        signal.signal(signal.SIGHUP, lambda number, frame: hangups.append(number))
     # A file starts empty (a FIFO ignores O_TRUNC); a follower of the path sees only our lines.
     flags = os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_TRUNC
     if path == "-":
@@ -44,6 +49,7 @@ def write_file(path, lines, src, rate, rotate_every, rotations, status_path):
     start = time.monotonic()
     next_rotation = start + rotate_every if rotate_every else None
     rotated = 0
+    reopened = 0
     seq = 0
     longest_write = 0.0
     blocked = 0.0  # time spent inside write() beyond a millisecond per call
@@ -57,6 +63,12 @@ def write_file(path, lines, src, rate, rotate_every, rotations, status_path):
             os.rename(path, "%s.%d" % (path, rotated))
             fd = os.open(path, flags | os.O_EXCL, 0o644)
             next_rotation += rotate_every
+        if hangups:
+            # Whoever moved the file has made the new one (logrotate's create), or we make it.
+            del hangups[:]
+            os.close(fd)
+            fd = os.open(path, os.O_WRONLY | os.O_APPEND | os.O_CREAT, 0o644)
+            reopened += 1
         if rate:
             due = min(lines, int((now - start) * rate) + 1)
             if due <= seq:
@@ -91,7 +103,7 @@ def write_file(path, lines, src, rate, rotate_every, rotations, status_path):
             status.write("%d\n" % seq)
         os.replace(status_path + ".tmp", status_path)
     return {"lines": seq, "elapsed": elapsed, "longest_write": longest_write,
-            "blocked": blocked, "rotations": rotated}
+            "blocked": blocked, "rotations": rotated, "reopened": reopened}
 
 
 def main():
@@ -102,11 +114,12 @@ def main():
     parser.add_argument("--rate", type=float, default=0, help="lines per second; 0: at once")
     parser.add_argument("--rotate-every", type=float, default=0, help="seconds between moves")
     parser.add_argument("--rotations", type=int, default=0)
+    parser.add_argument("--reopen-on-hup", action="store_true", help="open the path again on SIGHUP")
     parser.add_argument("--status", help="file that holds the count written so far")
     parser.add_argument("--report", help="file for the summary (JSON)")
     args = parser.parse_args()
     summary = write_file(args.out, args.lines, args.src, args.rate, args.rotate_every,
-                         args.rotations, args.status)
+                         args.rotations, args.status, args.reopen_on_hup)
     if args.report:
         with open(args.report, "w") as report:
             json.dump(summary, report)

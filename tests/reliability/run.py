@@ -61,6 +61,7 @@ class Context:
         self.drover = args.drover
         self.sink_binary = args.sink
         self.short = args.short
+        self.instance_runner = args.instance_runner
         self.dir = os.path.join(args.work_dir, name)
         shutil.rmtree(self.dir, ignore_errors=True)
         os.makedirs(self.dir)
@@ -178,12 +179,14 @@ class LineCount:
 class Agent:
     """drover forward with its memory and counters sampled while it runs."""
 
-    def __init__(self, ctx, words, name="agent", stdin=None):
+    def __init__(self, ctx, words, name="agent", stdin=None, argv=None, env=None):
         self.ctx = ctx
         self.name = name
         self.out = ctx.path(name + ".out")
         self.err = ctx.path(name + ".err")
-        self.process = ctx.spawn([ctx.drover, "forward"] + words, name, stdin=stdin)
+        # `argv` starts the agent some other way, e.g. through the service's instance runner.
+        self.process = ctx.spawn(argv or [ctx.drover, "forward"] + words, name, stdin=stdin,
+                                 env=env)
         self.pid = self.process.pid
         self.started = time.monotonic()
         self.peak_kb = 0
@@ -604,6 +607,73 @@ def _rotation_deleted(ctx):
                          status, "ends as named" if named else "NOT as named: %r" % err[-200:]))
 
 
+# --- 4d. logrotate with the shipped example --------------------------------------------------
+
+LOGROTATE_EXAMPLE = os.path.join(HERE, "..", "..", "dist", "logrotate.conf")
+
+
+def logrotate_rotation(ctx):
+    """Debian's logrotate, forced at the allowed pace, with the example the package ships."""
+    rate = 2_000
+    first, every, count = (5, 40, 2) if ctx.short else (5, 60, 5)
+    # Writing goes on a little past the last move; its file is read from the reopen on.
+    seconds = first + every * (count - 1) + 5
+    lines = rate * seconds
+    source = ctx.path("app.log")
+    open(source, "wb").close()
+    sink = Sink(ctx)
+    agent = Agent(ctx, ["tail", source, "tok-11", "to", sink.target()])
+    agent.wait_running()
+    gen = Generator(ctx, source, lines, rate, extra=["--reopen-on-hup"])
+    config = _adapt_logrotate_example(ctx, source, gen.process.pid)
+    state = ctx.path("logrotate.state")
+    started = time.monotonic()
+    rotated = 0
+    for index in range(count):
+        time.sleep(max(0.0, started + first + index * every - time.monotonic()))
+        done = subprocess.run(["logrotate", "-f", "-s", state, config], capture_output=True)
+        if done.returncode != 0 or done.stderr:
+            raise Failure("logrotate failed (%d): %r" % (done.returncode, done.stderr[-300:]))
+        rotated += 1
+    summary = gen.wait(seconds + 60)
+    # The last move's new file comes in at the reopen, 30 to 35 s after that move.
+    wait_delivered(lambda: sink.outputs, lines, 60)
+    alive = agent.alive()
+    status = agent.interrupt()
+    sink.stop()
+    report = checker.check(sink.outputs, {1: ("tok-11", lines)})
+    total = checker.totals(report)
+    reopened = agent.count("Reopening log file.")
+    kept = sorted(name for name in os.listdir(ctx.dir) if name.startswith("app.log."))
+    # delaycompress: the newest moved file stays as it is, the one before it is compressed.
+    expected_files = ["app.log.1"] + ["app.log.%d.gz" % n for n in range(2, count + 1)]
+    ok = (alive and status == 0 and reopened == rotated and summary["reopened"] == rotated
+          and total["duplicated"] == 0 and kept == expected_files)
+    return [make_row("4d logrotate x%d every %d s" % (rotated, every), report, agent, ok,
+                     "logrotate -f %d times; writer reopened %d, agent reopened %d times; "
+                     "files %s; SIGINT status %s" % (rotated, summary["reopened"], reopened,
+                                                     " ".join(kept), status))]
+
+
+def _adapt_logrotate_example(ctx, path, writer_pid):
+    """The shipped example, pointed at `path`, with the writer told to reopen by SIGHUP."""
+    with open(LOGROTATE_EXAMPLE) as example:
+        text = example.read()
+    for old, new in (("/var/log/app.log {", path + " {"),
+                     # No owner: the test need not run as root.
+                     ("create 0640 root adm", "create 0640"),
+                     ("        true\n", "        kill -HUP %d\n" % writer_pid)):
+        if old not in text:
+            raise Failure("the logrotate example no longer has %r" % old)
+        text = text.replace(old, new)
+    config = ctx.path("logrotate.conf")
+    with open(config, "w") as out:
+        out.write(text)
+    # logrotate ignores a configuration that others may write.
+    os.chmod(config, 0o644)
+    return config
+
+
 # --- 5. Slow endpoint behind a pipe ------------------------------------------------------------
 
 def slow_endpoint(ctx):
@@ -791,6 +861,98 @@ def _sink_connections(sink):
     return sink.stderr_text().count(b"Accepted a connection")
 
 
+# --- 8. The service's instance runner ---------------------------------------------------------
+
+def service_runner(ctx):
+    """The unit's command line run by hand: words from a file, SIGINT, an abort and a restart."""
+    if not ctx.instance_runner:
+        raise Failure("needs --instance-runner")
+    source = ctx.path("app.log")
+    open(source, "wb").close()
+    sink = Sink(ctx)
+    prefix = "host:web 1  "
+    instance = ctx.path("web.conf")
+    with open(instance, "w") as out:
+        out.write("# A job as an operator writes it.\n\ntail %s tok-12\n  prepend '%s'\n"
+                  "to %s\n" % (source, prefix, sink.target()))
+    os.chmod(instance, 0o644)
+    env = dict(os.environ, DROVER=ctx.drover)
+    argv = [ctx.instance_runner, instance]
+    phases = []  # (src, lines, status, how it was stopped)
+    per_phase = 3_000
+
+    def run_phase(src, stop_signal):
+        agent = Agent(ctx, [], name="agent-%d" % src, argv=argv, env=env)
+        agent.wait_running()
+        # The runner gives way to the agent: the service's main process is drover itself.
+        exe = os.path.basename(os.readlink("/proc/%d/exe" % agent.pid))
+        with open(source, "ab") as log:
+            for seq in range(per_phase):
+                log.write(generator.line(src, seq, time.time_ns()))
+                if seq % 100 == 99:
+                    log.flush()
+                    time.sleep(0.01)
+        _wait_prefixed(sink, prefix, src, per_phase, 30)
+        agent.process.send_signal(stop_signal)
+        status = agent.wait_exit(20)
+        phases.append((src, status, signal.Signals(stop_signal).name, exe))
+
+    run_phase(1, signal.SIGINT)
+    # An abort, as on a failed assertion; Restart=on-failure starts it again.
+    run_phase(2, signal.SIGABRT)
+    run_phase(3, signal.SIGINT)
+
+    # A start that is refused ends with the agent's status; on-failure retries it.
+    with open(ctx.path("missing.conf"), "w") as out:
+        out.write("tail %s tok-12 to %s\n" % (ctx.path("not-there.log"), sink.target()))
+    os.chmod(ctx.path("missing.conf"), 0o644)
+    refused = subprocess.run([ctx.instance_runner, ctx.path("missing.conf")], env=env,
+                             capture_output=True, timeout=20)
+    # Words that others could change are not run.
+    os.chmod(instance, 0o666)
+    open_file = subprocess.run(argv, env=env, capture_output=True, timeout=20)
+    sink.stop()
+
+    counts = _prefixed_counts(sink, prefix)
+    lost = sum(per_phase - len(counts.get(src, {})) for src, *_ in phases)
+    duplicated = sum(n - 1 for seqs in counts.values() for n in seqs.values() if n > 1)
+    foreign = counts.get(None, {}).get(None, 0)
+    expected_status = {"SIGINT": 0, "SIGABRT": -signal.SIGABRT}
+    statuses_ok = all(status == expected_status[how] and exe == "drover"
+                      for _, status, how, exe in phases)
+    refused_ok = (refused.returncode == 1 and
+                  b"Refusing startup" in refused.stdout and open_file.returncode == 1 and
+                  b"writable by others" in open_file.stderr)
+    ok = statuses_ok and refused_ok and lost == 0 and foreign == 0
+    notes = ("phases %s; missing file: status %d; group-writable words: status %d" % (
+        ", ".join("%s->%s (%s)" % (how, status, exe) for _, status, how, exe in phases),
+        refused.returncode, open_file.returncode))
+    return [Row(scenario="8 service runner: SIGINT, abort, restart", lines=per_phase * 3,
+                lost=lost, duplicated=duplicated, reordered=None, corrupted=foreign,
+                p50_ms=None, p99_ms=None, peak_rss_kb=None, ok=ok, notes=notes)]
+
+
+def _prefixed_counts(sink, prefix):
+    """src -> seq -> arrivals of the lines that carry `prefix` exactly; others count as None."""
+    counts = {}
+    pattern = re.compile(r"^" + re.escape(prefix) + r"src=(\d+) seq=(\d+) ")
+    for path in sink.outputs:
+        for raw in read(path).splitlines():
+            event = json.loads(raw)["event"]
+            found = pattern.match(event)
+            src, seq = (int(found.group(1)), int(found.group(2))) if found else (None, None)
+            seqs = counts.setdefault(src, {})
+            seqs[seq] = seqs.get(seq, 0) + 1
+    return counts
+
+
+def _wait_prefixed(sink, prefix, src, lines, limit):
+    if not wait_for(lambda: len(_prefixed_counts(sink, prefix).get(src, {})) >= lines, limit,
+                    step=0.2):
+        raise Failure("source %d: %d of %d lines arrived" % (
+            src, len(_prefixed_counts(sink, prefix).get(src, {})), lines))
+
+
 SCENARIOS = {
     "steady-stream": steady_stream,
     "steady-tail": steady_tail,
@@ -800,6 +962,8 @@ SCENARIOS = {
     "slow": slow_endpoint,
     "bytes": byte_transparency,
     "hostile": hostile_endpoint,
+    "logrotate": logrotate_rotation,
+    "service": service_runner,
 }
 
 
@@ -837,9 +1001,12 @@ def main():
     parser.add_argument("--work-dir", help="where runs keep their files (default: a temp dir)")
     parser.add_argument("--keep", action="store_true", help="keep the files of passing runs")
     parser.add_argument("--results", help="also write the rows as JSON here")
+    parser.add_argument("--instance-runner", help="the service's drover-instance (service)")
     parser.add_argument("scenarios", nargs="+", help=" ".join(SCENARIOS) + " or all")
     args = parser.parse_args()
-    names = list(SCENARIOS) if args.scenarios == ["all"] else args.scenarios
+    # "service" needs the instance runner of a build or a package; "all" has it only if given.
+    names = ([name for name in SCENARIOS if name != "service" or args.instance_runner]
+             if args.scenarios == ["all"] else args.scenarios)
     for name in names:
         if name not in SCENARIOS:
             parser.error("unknown scenario %s" % name)
@@ -847,6 +1014,8 @@ def main():
     args.work_dir = os.path.abspath(args.work_dir or tempfile.mkdtemp(prefix="drover-reliability-"))
     # The programs run in the scenario's directory.
     args.drover, args.sink = os.path.abspath(args.drover), os.path.abspath(args.sink)
+    if args.instance_runner:
+        args.instance_runner = os.path.abspath(args.instance_runner)
     os.makedirs(args.work_dir, exist_ok=True)
 
     rows = []
