@@ -4,8 +4,8 @@
 
 #include "protocol/network_command.h"
 
-IngesterConnection::IngesterConnection(const Log& log, const ConnectionInfo& info)
-    : NetworkConnection(log, info, true) {}
+IngesterConnection::IngesterConnection(const Log& baseLog, const ConnectionInfo& info)
+    : NetworkConnection(baseLog, info, true) {}
 
 IngesterConnection::~IngesterConnection() = default;
 

@@ -107,7 +107,7 @@ void BM_ConnectionPair(benchmark::State& state) {
   uint64_t target = 0;
   for (auto _ : state) {
     for (size_t i = 0; i < packets; ++i) {
-      NetworkConnection::OutgoingPacket packet(&client, 1, payload.size());
+      NetworkConnection::OutgoingPacket packet(&client, 1, static_cast<uint32_t>(payload.size()));
       packet.writeBytes(payload.data(), payload.size());
     }
     target += packets * packetSize;
@@ -148,8 +148,10 @@ void BM_BareSslLoop(benchmark::State& state) {
     size_t written = 0;
     uint64_t read = 0;
     while (read < records * recordSize) {
-      while (written < records && SSL_write(client, record.data(), recordSize) > 0) ++written;
-      for (int n; (n = SSL_read(server, sink.data(), sink.size())) > 0;) read += n;
+      while (written < records && SSL_write(client, record.data(), static_cast<int>(recordSize)) > 0) ++written;
+      for (int n; (n = SSL_read(server, sink.data(), static_cast<int>(sink.size()))) > 0;) {
+        read += static_cast<uint64_t>(n);
+      }
     }
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * records * recordSize));

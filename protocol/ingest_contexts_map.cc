@@ -6,7 +6,7 @@
 #include "net/network_connection.h"
 #include "protocol/network_command.h"
 
-IngestContextsMap::IngestContextsMap(const Log& log) : log(log) {}
+IngestContextsMap::IngestContextsMap(const Log& baseLog) : log(baseLog) {}
 
 uint32_t IngestContextsMap::registerContext(const LogEventSourceConfiguration& config) {
   // Only the token makes a context: a second source with the same token shares the first one's
@@ -20,7 +20,12 @@ uint32_t IngestContextsMap::registerContext(const LogEventSourceConfiguration& c
   // Every connection's bit vector holds one bit per context; each known connection is asked for
   // the new context at once, whether or not it is up yet.
   for (auto& entry : state) {
+    // The check's words are fixed and call the entry's bit vector `state`, like the map that
+    // holds it: the one shadowing that the build lets pass.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
     std::vector<bool>& state = entry.second;
+#pragma GCC diagnostic pop
     state.push_back(false);
     assert(state.size() == context + 1);
     entry.first->send(CmdRegisterIngestContext{config.writeToken, context});

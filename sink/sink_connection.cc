@@ -33,9 +33,9 @@ CommandSet SinkHandler::acceptedCommands() const {
   return set;
 }
 
-SinkConnection::SinkConnection(const Log& log, const ConnectionInfo& info, int socket,
+SinkConnection::SinkConnection(const Log& baseLog, const ConnectionInfo& info, int acceptedSocket,
                                uint64_t connectionNumber, SinkShared& sinkShared)
-    : NetworkConnection(log, info, socket, true),
+    : NetworkConnection(baseLog, info, acceptedSocket, true),
       shared(sinkShared),
       number(connectionNumber),
       faults(!sinkShared.options.faultyConnections || connectionNumber < *sinkShared.options.faultyConnections

@@ -22,16 +22,16 @@ constexpr uint64_t RETRY_DELAY = 1000000000;
 
 }  // namespace
 
-FileLogEventSource::FileLogEventSource(const Log& log, const std::string& filename,
+FileLogEventSource::FileLogEventSource(const Log& baseLog, const std::string& path,
                                        const std::string& writeToken)
-    : LogEventSource(log, writeToken), filename(filename), retryConsume([this] {
+    : LogEventSource(baseLog, writeToken), filename(path), retryConsume([this] {
         consume();
         return true;
       }) {
   fd = open(filename.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (fd == -1) {
     const int savedErrno = errno;
-    error(this->log) << "Could not open " << filename << ": " << strerror(savedErrno) << std::endl;
+    error(log) << "Could not open " << filename << ": " << strerror(savedErrno) << std::endl;
   }
 }
 

@@ -3,7 +3,7 @@
 #include <cassert>
 #include <utility>
 
-LogEventSource::LogEventSource(const Log& log, std::string writeToken) : log(log) {
+LogEventSource::LogEventSource(const Log& baseLog, std::string writeToken) : log(baseLog) {
   configuration.enableAck = true;
   configuration.truncateTimestamp = true;
   configuration.timestampDivider = 1000000;

@@ -13,9 +13,9 @@ constexpr uint64_t POLL_INTERVAL = 1000000;
 
 }  // namespace
 
-StreamLogEventSource::StreamLogEventSource(const Log& log, const std::string& filename,
+StreamLogEventSource::StreamLogEventSource(const Log& baseLog, const std::string& path,
                                            const std::string& writeToken)
-    : FileLogEventSource(log, filename, writeToken) {}
+    : FileLogEventSource(baseLog, path, writeToken) {}
 
 StreamLogEventSource::~StreamLogEventSource() {
   unregister();

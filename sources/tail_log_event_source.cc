@@ -18,13 +18,13 @@ constexpr uint64_t EAGAIN_RETRY_DELAY = 100000000;
 
 }  // namespace
 
-TailLogEventSource::TailLogEventSource(const Log& log, const std::string& filename,
+TailLogEventSource::TailLogEventSource(const Log& baseLog, const std::string& path,
                                        const std::string& writeToken)
-    : FileLogEventSource(log, filename, writeToken) {
+    : FileLogEventSource(baseLog, path, writeToken) {
   if (fd == -1) return;
   if (static_cast<int>(lseek(fd, 0, SEEK_END)) == -1) {
     const int savedErrno = errno;
-    error(this->log) << "Could not seek to end of file: " << strerror(savedErrno) << std::endl;
+    error(log) << "Could not seek to end of file: " << strerror(savedErrno) << std::endl;
     assert(false);
   }
 }

@@ -142,12 +142,12 @@ TEST_F(EndToEnd, EmptyStreamEndsByItselfOnceConnected) {
   // (finishing a connection that is still connecting fails it). So the input ends only after
   // the endpoint has accepted the connection and had time for the handshake.
   startSink();
-  const int writer = startFifoAgent();
+  const int writeEnd = startFifoAgent();
   ASSERT_TRUE(waitFor(
       [&] { return readFile(dir.file("sink.err")).find("Accepted a connection") != std::string::npos; },
       10s));
   usleep(300000);
-  close(writer);
+  close(writeEnd);
   ASSERT_TRUE(agent->wait(30s)) << agentLog();
   EXPECT_EQ(agent->exitCode(), 0);
   EXPECT_EQ(countOf(agentLog(), "All sources completed. Waiting for sending connections to close."), 1u);
@@ -205,10 +205,10 @@ TEST_F(EndToEnd, TailSendsOnlyWhatIsAppendedAfterTheStart) {
 
 TEST_F(EndToEnd, FifoStreamEndsWhenItsWriterGoes) {
   startSink();
-  const int writer = startFifoAgent();
+  const int writeEnd = startFifoAgent();
   const std::string lines = numberedLines(1, 20000, "fifo");
-  ASSERT_EQ(write(writer, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
-  close(writer);
+  ASSERT_EQ(write(writeEnd, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+  close(writeEnd);
 
   ASSERT_TRUE(agent->wait(30s)) << agentLog();
   EXPECT_EQ(agent->exitCode(), 0);

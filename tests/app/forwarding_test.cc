@@ -62,6 +62,17 @@ TEST_F(Forwarding, AcknowledgedBatchesDoNotReturn) {
   EXPECT_THAT(texts(events), ElementsAre("2", "3"));
 }
 
+TEST_F(Forwarding, AgentAcceptsExactlyTheFourIngesterAnswers) {
+  // Ids 0, 3, 50 and 51 and nothing else: any other command fails the connection unparsed.
+  EventQueue events;
+  IngestContextsMap contexts(log);
+  auto con = connection();
+  const CommandSet accepted = AgentHandler(con.get(), events, contexts, Log(log)).acceptedCommands();
+  EXPECT_EQ(accepted.words[0], 0x000C000000000009ull);
+  EXPECT_EQ(accepted.words[1] | accepted.words[2] | accepted.words[3], 0u);
+  EXPECT_TRUE(accepted.extended.empty());
+}
+
 TEST_F(Forwarding, DropVanishedKeepsEveryConnectionWhoseAddressIsResolved) {
   // Every pattern of kept and dropped over five connections, including none and all.
   for (unsigned keepMask = 0; keepMask < 32; ++keepMask) {

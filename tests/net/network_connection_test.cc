@@ -61,7 +61,7 @@ class ConnectionTest : public ::testing::Test {
     return all.substr(0, std::max<ssize_t>(n, 0));
   }
   void queuePacket(uint16_t command, const std::string& payload) {
-    NetworkConnection::OutgoingPacket packet(con.get(), command, payload.size());
+    NetworkConnection::OutgoingPacket packet(con.get(), command, static_cast<uint32_t>(payload.size()));
     packet.writeBytes(payload.data(), payload.size());
   }
   void acceptIds(std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {

@@ -68,7 +68,7 @@ class TlsTest : public ::testing::Test {
     ASSERT_TRUE(runUntil(loop, [&] { return clientCalls.established && serverCalls.established; }));
   }
   void send(NetworkConnection& con, uint16_t command, const std::string& payload) {
-    NetworkConnection::OutgoingPacket packet(&con, command, payload.size());
+    NetworkConnection::OutgoingPacket packet(&con, command, static_cast<uint32_t>(payload.size()));
     packet.writeBytes(payload.data(), payload.size());
   }
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,7 +23,7 @@ using ::testing::ElementsAre;
 // A plain connection over one end of a socketpair, with its queued bytes visible.
 class PlainConnection : public NetworkConnection {
  public:
-  PlainConnection(const Log& log, int fd) : NetworkConnection(log, ConnectionInfo(), fd, false) {}
+  PlainConnection(const Log& baseLog, int fd) : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
   using NetworkConnection::parseCommand;
   std::string queued() const {
     return sendBuffer ? std::string(reinterpret_cast<const char*>(sendRead), sendWrite - sendRead)
@@ -53,10 +54,10 @@ std::vector<std::string> messages(const std::string& out) {
 // Takes the four commands the agent accepts and writes down what it saw.
 class RecordingHandler {
  public:
-  explicit RecordingHandler(std::vector<std::string>* seen) : seen(seen) {}
+  explicit RecordingHandler(std::vector<std::string>* seenCommands) : seen(seenCommands) {}
   CommandSet acceptedCommands() const {
     CommandSet set;
-    for (uint16_t id : {0, 3, 50, 51}) set.insert(id);
+    for (uint16_t id : std::initializer_list<uint16_t>{0, 3, 50, 51}) set.insert(id);
     return set;
   }
   void operator()(const CmdError& cmd) { seen->push_back("error '" + cmd.message + "'"); }
@@ -204,7 +205,7 @@ TEST_F(CommandParsing, TruncatedFieldFailsTheConnectionAndIsNotDispatched) {
 
 TEST_F(CommandParsing, OnlyTheIncomingIngestCommandsHaveACase) {
   const std::string payload = le32(0) + le32(0) + le32(0) + le32(0) + "tail";
-  for (uint16_t id : {2, 4, 49, 5, 63, 64, 65535}) EXPECT_FALSE(parse(id, payload)) << id;
+  for (uint16_t id : std::initializer_list<uint16_t>{2, 4, 49, 5, 63, 64, 65535}) EXPECT_FALSE(parse(id, payload)) << id;
   EXPECT_EQ(out.str(), "");
   EXPECT_TRUE(seen.empty());
   // Trailing bytes behind the last field are the peer's business.
@@ -217,7 +218,7 @@ TEST_F(CommandParsing, OnlyTheIncomingIngestCommandsHaveACase) {
 
 TEST(CommandSetBits, WordsForLowIdsVectorForHighOnes) {
   CommandSet set;
-  for (uint16_t id : {0, 3, 50, 51}) set.insert(id);
+  for (uint16_t id : std::initializer_list<uint16_t>{0, 3, 50, 51}) set.insert(id);
   EXPECT_EQ(set.words[0], 0x000C000000000009ull);
   EXPECT_EQ(set.words[1] | set.words[2] | set.words[3], 0u);
   EXPECT_FALSE(set.contains(1));
@@ -241,7 +242,7 @@ TEST_F(ConnectionTest, PeerPacketsReachTheHandlerOnlyIfAccepted) {
   con->registerAt(&loop);
   peerSends(51, le32(0) + std::string(8, '\x04') + le16(0));
   ASSERT_TRUE(runUntil(loop, [&] { return !seen.empty(); }));
-  for (uint16_t id : {1, 49, 256, 65535}) {
+  for (uint16_t id : std::initializer_list<uint16_t>{1, 49, 256, 65535}) {
     SCOPED_TRACE(id);
     con->deregister();
     reconnect();

@@ -124,13 +124,13 @@ TEST_F(PacketFraming, SendBufferSlidesBeforeItGrows) {
   fresh();
   const std::string first(40000 - 6, 'a');
   {
-    Packet packet(con.get(), 1, first.size());
+    Packet packet(con.get(), 1, static_cast<uint32_t>(first.size()));
     packet.writeBytes(first.data(), first.size());
   }
   con->sendRead += 30000;  // as if the socket had taken that much
   const std::string second(30000 - 6, 'b');
   {
-    Packet packet(con.get(), 2, second.size());
+    Packet packet(con.get(), 2, static_cast<uint32_t>(second.size()));
     packet.writeBytes(second.data(), second.size());
   }
   EXPECT_EQ(con->sendBufferSize, 65536u);
@@ -138,7 +138,7 @@ TEST_F(PacketFraming, SendBufferSlidesBeforeItGrows) {
   EXPECT_EQ(con->queued(), std::string(10000, 'a') + packet(2, second));
   const std::string third(30000 - 6, 'c');
   {
-    Packet packet(con.get(), 3, third.size());
+    Packet packet(con.get(), 3, static_cast<uint32_t>(third.size()));
     packet.writeBytes(third.data(), third.size());
   }
   EXPECT_EQ(con->sendBufferSize, 131072u);

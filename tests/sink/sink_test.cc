@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cassert>
+#include <initializer_list>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -95,7 +96,8 @@ class SinkProcess {
 // A client connection that can also put arbitrary bytes on the wire, for hostile peers.
 class ClientConnection : public NetworkConnection {
  public:
-  ClientConnection(const Log& log, uint16_t port) : NetworkConnection(log, loopbackInfo(port), true) {}
+  ClientConnection(const Log& baseLog, uint16_t port)
+      : NetworkConnection(baseLog, loopbackInfo(port), true) {}
 
   /// `bytes` (at least a header's worth) exactly as given, header included.
   void sendRaw(const std::string& bytes) {
@@ -119,7 +121,7 @@ class ClientHandler {
   explicit ClientHandler(Received* into) : got(into) {}
   CommandSet acceptedCommands() const {
     CommandSet set;
-    for (uint16_t id : {0, 3, 50, 51}) set.insert(id);
+    for (uint16_t id : std::initializer_list<uint16_t>{0, 3, 50, 51}) set.insert(id);
     return set;
   }
   void operator()(CmdError&& cmd) { got->errors.push_back(cmd.message); }
