@@ -1,5 +1,7 @@
 #include "sink/sink_connection.h"
 
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -53,6 +55,11 @@ SinkConnection::SinkConnection(const Log& log, const ConnectionInfo& info, int s
   registerAt(&shared.loop);
 }
 
+SinkConnection::~SinkConnection() {
+  // Gives OpenSSL its socket BIO back, so that it frees what it owns and nothing else.
+  restartSocketReads();
+}
+
 void SinkConnection::parseRecvBuffer() {
   // The TLS read goes on until OpenSSL has nothing more, also after a hold began: what comes in
   // meanwhile stays in the receive buffer until the hold is over.
@@ -81,7 +88,27 @@ void SinkConnection::acknowledgeWritten(uint64_t writtenBatches) {
 
 void SinkConnection::holdForOutput() {
   outputHolding = true;
+  stopSocketReads();
   scheduleDeferred();
+}
+
+void SinkConnection::stopSocketReads() {
+  if (heldSocketBio || !ssl) return;
+  BIO* empty = BIO_new(BIO_s_mem());
+  if (!empty) return;  // then the read loop ends when the peer pauses, and leaving the loop holds
+  // Empty, it asks to be read again later, as a socket without data does.
+  BIO_set_mem_eof_return(empty, -1);
+  heldSocketBio = SSL_get_rbio(ssl);
+  // OpenSSL frees the BIO it reads from when that is replaced; the socket BIO, which it also
+  // writes to, has to survive that.
+  BIO_up_ref(heldSocketBio);
+  SSL_set0_rbio(ssl, empty);
+}
+
+void SinkConnection::restartSocketReads() {
+  if (!heldSocketBio) return;
+  SSL_set0_rbio(ssl, heldSocketBio);  // frees the empty BIO; our reference goes to OpenSSL
+  heldSocketBio = nullptr;
 }
 
 void SinkConnection::outputDrained() {
@@ -98,13 +125,16 @@ void SinkConnection::updateReading() {
     }
     return;
   }
+  restartSocketReads();
   if (paused) {
     paused = false;
-    // registerAt() re-arms the interest and reads what OpenSSL may already hold. When it found
-    // answers queued meanwhile, it sent them and left the interest unset: the second call reads.
+    // registerAt() re-arms the interest and reads what OpenSSL may already hold.
     if (!isDead()) registerAt(&shared.loop);
-    if (!isDead()) epollListen();
   }
+  // When registerAt() found answers queued meanwhile, it sent them and left the interest unset;
+  // and a hold that ended before it left the loop kept the interest of its last empty read.
+  // Either way, this reads.
+  if (!isDead() && loop) epollListen();
   // What was held in the receive buffer needs a parse of its own in case nothing new arrives.
   // That includes a connection that died meanwhile: its peer sent these batches before it went.
   parseRecvBuffer();

@@ -7,6 +7,8 @@
 // from one of their own callbacks; collectable() says when that is safe.
 #pragma once
 
+#include <openssl/types.h>
+
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -43,6 +45,7 @@ class SinkConnection : public NetworkConnection {
   /// `number` names the connection in the output, counting from 0 in accepting order.
   SinkConnection(const Log& log, const ConnectionInfo& info, int socket, uint64_t number,
                  SinkShared& shared);
+  ~SinkConnection() override;
 
   /// Base parse, then hand the batches to the output thread and carry out the faults that became
   /// due. Parses nothing while a stall or a full output queue holds the connection.
@@ -82,7 +85,12 @@ class SinkConnection : public NetworkConnection {
   void scheduleDeferred();
   void runDeferred();
   void resumeReading();
+  /// Stops reading at once, even in the middle of the read loop of an event, and leaves the loop.
   void holdForOutput();
+  /// OpenSSL reads from an empty memory BIO while the output holds the connection: the read loop
+  /// ends there, rather than when the peer pauses, which a fast peer might never do.
+  void stopSocketReads();
+  void restartSocketReads();
   /// Leaves the loop while something holds the connection, and comes back and parses what was
   /// held once nothing does. Outside of every callback of this connection only.
   void updateReading();
@@ -107,6 +115,7 @@ class SinkConnection : public NetworkConnection {
   bool stallHolding = false;   // a stall is due or running: received bytes wait unparsed
   bool outputHolding = false;  // the output queue was full: received bytes wait unparsed
   bool paused = false;         // deregistered from the loop by one of the two holds
+  BIO* heldSocketBio = nullptr;  // OpenSSL's socket BIO while its reads are stopped; one ref ours
   bool abruptPending = false;
   bool stallPending = false;
   bool deferredScheduled = false;
