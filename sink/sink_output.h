@@ -23,8 +23,10 @@
 
 class SinkOutput : public EpollListener {
  public:
-  /// Queued bytes past which full() holds: enough for seconds of a briefly slow output.
-  static constexpr size_t DEFAULT_LIMIT = 8 << 20;
+  /// Queued bytes past which full() holds. Small on purpose: the socket buffers of both ends
+  /// already hold several MB, and a lasting slow output has to reach the agent's source soon
+  /// (at 2 MB/s a queue of 2 MiB already let a producer run on for seconds).
+  static constexpr size_t DEFAULT_LIMIT = 1 << 20;
 
   /// Starts the output thread, which from then on is the only user of `writer`.
   SinkOutput(const Log& log, EventLoop& loop, std::unique_ptr<EventWriter> writer,

@@ -517,7 +517,7 @@ size_t checkNumberedLines(const std::string& output, size_t perBatch) {
 
 TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheAgentBackLater) {
   constexpr size_t EVENT_SIZE = 1000, PER_BATCH = 64;
-  constexpr uint64_t FIRST = 32, TOTAL = 1536;  // 2 MiB, then 96 MiB in all
+  constexpr uint64_t FIRST = 8, TOTAL = 1536;  // 512 KiB, below the queue's limit; 96 MiB in all
   OutputFifo fifo(dir);
   auto sink = startSink({"--out", fifo.path});
   auto client = connect();
@@ -533,7 +533,7 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
     }
   };
 
-  // Nobody reads the output, yet a registration behind 2 MiB of batches gets its answer.
+  // Nobody reads the output, yet a registration behind 512 KiB of batches gets its answer.
   sendUpTo(FIRST);
   roundTrip(*client);
 
@@ -565,7 +565,7 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
 
 TEST_F(SinkTest, BatchesHeldForTheOutputAreWrittenAfterTheirPeerClosed) {
   constexpr size_t EVENT_SIZE = 1000, PER_BATCH = 64;
-  constexpr uint64_t TOTAL = 256;  // 16 MiB: more than the queue, so some wait unparsed
+  constexpr uint64_t TOTAL = 256;  // 16 MiB: far more than the queue, so some wait unparsed
   OutputFifo fifo(dir);
   auto sink = startSink({"--out", fifo.path});
   auto client = connect();
