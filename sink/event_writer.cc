@@ -90,9 +90,19 @@ void EventWriter::writeBatch(const QueuedBatch& batch) {
 }
 
 void EventWriter::flush() {
+  writeAll(buffer.data(), buffer.size());
+  buffer.clear();
+}
+
+void EventWriter::writeBytes(const char* data, size_t size) {
+  flush();
+  writeAll(data, size);
+}
+
+void EventWriter::writeAll(const char* data, size_t size) {
   size_t written = 0;
-  while (!failed && written < buffer.size()) {
-    const ssize_t ret = write(fd, buffer.data() + written, buffer.size() - written);
+  while (!failed && written < size) {
+    const ssize_t ret = write(fd, data + written, size - written);
     if (ret > 0) {
       written += static_cast<size_t>(ret);
       continue;
@@ -108,5 +118,4 @@ void EventWriter::flush() {
     error(log) << "Could not write events: " << strerror(ret == 0 ? EIO : savedErrno) << std::endl;
     failed = true;
   }
-  buffer.clear();
 }

@@ -40,14 +40,18 @@ class EventWriter {
   /// Appends one batch, each event as one JSON line or as its bare bytes. May flush first, when
   /// the buffer could not take the next event.
   void writeBatch(const QueuedBatch& batch);
+  /// Flushes, then writes `size` bytes from `data` as they are: the raw format needs no copy.
+  void writeBytes(const char* data, size_t size);
   /// Hands all buffered bytes to the kernel, waiting while a non-blocking output is full. On a
   /// write error it logs once, drops the data and discards everything from then on.
   void flush();
   bool hasFailed() const { return failed; }
+  OutputFormat outputFormat() const { return format; }
   size_t buffered() const { return buffer.size(); }
 
  private:
   void makeRoom(size_t needed);
+  void writeAll(const char* data, size_t size);
 
   Log log;
   int fd;

@@ -69,7 +69,6 @@ void SinkConnection::parseRecvBuffer() {
     return;
   }
   NetworkConnection::parseRecvBuffer();
-  shared.output.handOver();
   // The queue may go past its limit by what one read brought; reading stops from here on.
   if (shared.output.full()) holdForOutput();
   applyFaults();

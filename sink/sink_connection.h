@@ -47,8 +47,8 @@ class SinkConnection : public NetworkConnection {
                  SinkShared& shared);
   ~SinkConnection() override;
 
-  /// Base parse, then hand the batches to the output thread and carry out the faults that became
-  /// due. Parses nothing while a stall or a full output queue holds the connection.
+  /// Base parse, whose batches go to the output queue, then carry out the faults that became due.
+  /// Parses nothing while a stall or a full output queue holds the connection.
   void parseRecvBuffer() override;
 
   /// The output thread has written every batch numbered below `writtenBatches` (SinkOutput's

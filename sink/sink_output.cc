@@ -25,6 +25,10 @@ struct RecordHeader {
 // are acknowledged without waiting for the rest of what was taken from the queue.
 constexpr size_t PUBLISH_AFTER = EventWriter::BUFFER_SIZE / 2;
 
+// Handing over once per pass of the loop rather than once per TLS record spares the output
+// thread most of its wake-ups; a large pass still gives it work early.
+constexpr size_t HAND_OVER_AT = 256 << 10;
+
 QueuedBatch takeBatch(const char*& cursor) {
   RecordHeader header;
   memcpy(&header, cursor, sizeof header);
@@ -51,7 +55,8 @@ SinkOutput::SinkOutput(const Log& parent, EventLoop& eventLoop, std::unique_ptr<
     : log(parent.with("component", "SinkOutput")),
       loop(eventLoop),
       limit(queueLimit),
-      writer(std::move(w)) {
+      writer(std::move(w)),
+      bareBytes(writer->outputFormat() == OutputFormat::RAW) {
   wakeDescriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (wakeDescriptor == -1) {
     // Only descriptor exhaustion at start-up gets here; without it no batch could be acknowledged.
@@ -72,6 +77,31 @@ SinkOutput::~SinkOutput() {
 uint64_t SinkOutput::add(const std::string& token, uint32_t context, uint64_t timestamp,
                          uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
                          uint32_t count) {
+  if (bareBytes) {
+    for (uint32_t i = 0; i < count; ++i) {
+      filling.append(reinterpret_cast<const char*>(events[i].begin),
+                     static_cast<size_t>(events[i].end - events[i].begin));
+    }
+  } else {
+    appendRecord(token, context, timestamp, connection, batch, events, count);
+  }
+  ++fillingBatches;
+  if (filling.size() >= HAND_OVER_AT) {
+    handOver();
+  } else if (!handOverScheduled) {
+    handOverScheduled = true;
+    loop.addTimeout(0, &handOverKey, [this] {
+      handOverScheduled = false;
+      handOver();
+      return true;
+    });
+  }
+  return addedBatches++;
+}
+
+void SinkOutput::appendRecord(const std::string& token, uint32_t context, uint64_t timestamp,
+                              uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
+                              uint32_t count) {
   RecordHeader header{
       timestamp, connection, batch, 0, context, count, static_cast<uint32_t>(token.size())};
   for (uint32_t i = 0; i < count; ++i) {
@@ -87,11 +117,10 @@ uint64_t SinkOutput::add(const std::string& token, uint32_t context, uint64_t ti
     filling.append(reinterpret_cast<const char*>(events[i].begin),
                    static_cast<size_t>(events[i].end - events[i].begin));
   }
-  return addedBatches++;
 }
 
 void SinkOutput::handOver() {
-  if (filling.empty()) return;
+  if (fillingBatches == 0) return;
   // Counted before the output thread can see the bytes, so its subtraction never comes first.
   queuedBytes.fetch_add(filling.size(), std::memory_order_relaxed);
   {
@@ -102,8 +131,10 @@ void SinkOutput::handOver() {
     } else {
       pending.append(filling);
     }
+    pendingBatches += fillingBatches;
   }
   filling.clear();
+  fillingBatches = 0;
   handedOver.notify_one();
 }
 
@@ -128,11 +159,22 @@ void SinkOutput::runOutputThread() {
   std::string taken;
   uint64_t batches = 0;  // taken from the queue so far
   while (true) {
+    uint64_t takenBatches = 0;
     {
       std::unique_lock lock(mutex);
-      handedOver.wait(lock, [this] { return !pending.empty() || stopping; });
-      if (pending.empty()) return;
+      handedOver.wait(lock, [this] { return pendingBatches > 0 || stopping; });
+      if (pendingBatches == 0) return;
       taken.swap(pending);
+      takenBatches = pendingBatches;
+      pendingBatches = 0;
+    }
+    if (bareBytes) {
+      // Batches of empty events still count: they are written, by writing nothing.
+      writer->writeBytes(taken.data(), taken.size());
+      batches += takenBatches;
+      publish(batches, taken.size());
+      taken.clear();
+      continue;
     }
     const char* cursor = taken.data();
     const char* const end = cursor + taken.size();

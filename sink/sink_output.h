@@ -40,13 +40,16 @@ class SinkOutput : public EpollListener {
   void setProgressHandler(std::function<void()> handler) { progressHandler = std::move(handler); }
 
   /// Copies one batch into the queue and returns its sequence number: batches are numbered from
-  /// 0 in the order they were added. The output thread sees it only after handOver().
+  /// 0 in the order they were added. It goes to the output thread at the end of the loop's pass,
+  /// or at once when much has gathered.
   uint64_t add(const std::string& token, uint32_t context, uint64_t timestamp, uint64_t connection,
                uint64_t batch, const EphemeralLogEvent* events, uint32_t count);
   /// Passes what was added since the last call to the output thread.
   void handOver();
   /// At least the limit is queued and not yet written: time to stop reading.
-  bool full() const { return queuedBytes.load(std::memory_order_relaxed) >= limit; }
+  bool full() const {
+    return queuedBytes.load(std::memory_order_relaxed) + filling.size() >= limit;
+  }
   /// Every batch with a lower sequence number has been handed to the output descriptor.
   uint64_t written() const { return writtenBatches.load(std::memory_order_acquire); }
   /// A write failed; from then on nothing is written and nothing more counts as written.
@@ -59,6 +62,9 @@ class SinkOutput : public EpollListener {
   void descriptorAvailable(int events) override;
 
  private:
+  void appendRecord(const std::string& token, uint32_t context, uint64_t timestamp,
+                    uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
+                    uint32_t count);
   void runOutputThread();
   /// Writes out what the writer buffers; then `batches` count as written and `bytes` of the
   /// queue are free again, and the loop hears of it.
@@ -69,14 +75,21 @@ class SinkOutput : public EpollListener {
   const size_t limit;
   std::unique_ptr<EventWriter> writer;  // the output thread's
   std::function<void()> progressHandler;
-  int wakeDescriptor = -1;    // eventfd: output thread to loop
-  std::string filling;        // the loop's: added since the last hand-over
-  uint64_t addedBatches = 0;  // the loop's
+  int wakeDescriptor = -1;  // eventfd: output thread to loop
+  /// Raw output is the events' bytes and nothing else: the queue holds just those, and the output
+  /// thread writes them from there.
+  const bool bareBytes;
+  std::string filling;          // the loop's: added since the last hand-over
+  uint64_t fillingBatches = 0;  // the loop's
+  uint64_t addedBatches = 0;    // the loop's
+  bool handOverScheduled = false;
+  char handOverKey = 0;  // timer key: its address lives exactly as long as this object
 
   std::mutex mutex;
   std::condition_variable handedOver;
-  std::string pending;    // guarded by mutex: handed over, not yet taken by the output thread
-  bool stopping = false;  // guarded by mutex
+  std::string pending;          // guarded by mutex: handed over, not yet taken by the output thread
+  uint64_t pendingBatches = 0;  // guarded by mutex
+  bool stopping = false;        // guarded by mutex
 
   std::atomic<size_t> queuedBytes{0};  // added and not yet written
   std::atomic<uint64_t> writtenBatches{0};
