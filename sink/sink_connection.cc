@@ -25,6 +25,12 @@ const std::string TOKEN_REFUSED = "write token refused";
 const std::string UNREGISTERED_TOKEN;
 const SinkOptions NO_FAULTS;
 
+// The kernel doubles it. Left to itself, it grows a receive buffer that is read quickly up to
+// net.ipv4.tcp_rmem's maximum (32 MiB on some machines): with the output on its own thread the
+// sink reads quickly, and once the output slows down, that buffer took in seconds of it before the
+// agent felt anything. Loopback and LAN round trips fill 256 KiB many times over per millisecond.
+constexpr int RECEIVE_BUFFER = 256 << 10;
+
 }  // namespace
 
 CommandSet SinkHandler::acceptedCommands() const {
@@ -44,6 +50,10 @@ SinkConnection::SinkConnection(const Log& log, const ConnectionInfo& info, int s
                      connectionNumber < *sinkShared.options.faultyConnections
                  ? sinkShared.options
                  : NO_FAULTS) {
+  if (setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) == -1) {
+    const int savedErrno = errno;
+    error(log) << "Could not set the receive buffer: " << strerror(savedErrno) << std::endl;
+  }
   setHandler(std::make_unique<NetworkCmdHandler<SinkHandler>>(this));
   // The agent closes its side when it is done; answer in kind so the connection can finish.
   setReadClosedHandler([this] { finish(); });

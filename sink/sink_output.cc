@@ -27,7 +27,7 @@ constexpr size_t PUBLISH_AFTER = EventWriter::BUFFER_SIZE / 2;
 
 // Handing over once per pass of the loop rather than once per TLS record spares the output
 // thread most of its wake-ups; a large pass still gives it work early.
-constexpr size_t HAND_OVER_AT = 256 << 10;
+constexpr size_t HAND_OVER_AT = SinkOutput::DEFAULT_LIMIT / 4;
 
 QueuedBatch takeBatch(const char*& cursor) {
   RecordHeader header;

@@ -24,9 +24,10 @@
 class SinkOutput : public EpollListener {
  public:
   /// Queued bytes past which full() holds. Small on purpose: the socket buffers of both ends
-  /// already hold several MB, and a lasting slow output has to reach the agent's source soon
-  /// (at 2 MB/s a queue of 2 MiB already let a producer run on for seconds).
-  static constexpr size_t DEFAULT_LIMIT = 1 << 20;
+  /// already hold several MB, which is the cushion for a short hiccup of the output, and a lasting
+  /// slow output has to reach the agent's source soon (at 2 MB/s, 1 MiB here sometimes let a
+  /// producer of 12 MB run on for seconds).
+  static constexpr size_t DEFAULT_LIMIT = 512 << 10;
 
   /// Starts the output thread, which from then on is the only user of `writer`.
   SinkOutput(const Log& log, EventLoop& loop, std::unique_ptr<EventWriter> writer,

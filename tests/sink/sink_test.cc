@@ -517,7 +517,7 @@ size_t checkNumberedLines(const std::string& output, size_t perBatch) {
 
 TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheAgentBackLater) {
   constexpr size_t EVENT_SIZE = 1000, PER_BATCH = 64;
-  constexpr uint64_t FIRST = 8, TOTAL = 1536;  // 512 KiB, below the queue's limit; 96 MiB in all
+  constexpr uint64_t FIRST = 4, TOTAL = 1536;  // 256 KiB, below the queue's limit; 96 MiB in all
   OutputFifo fifo(dir);
   auto sink = startSink({"--out", fifo.path});
   auto client = connect();
@@ -533,7 +533,7 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
     }
   };
 
-  // Nobody reads the output, yet a registration behind 512 KiB of batches gets its answer.
+  // Nobody reads the output, yet a registration behind 256 KiB of batches gets its answer.
   sendUpTo(FIRST);
   roundTrip(*client);
 
