@@ -112,9 +112,9 @@ class SinkConnection : public NetworkConnection {
   // unacknowledged, as by a server that has gone away; the agent sends them again elsewhere.
   bool refusing = false;
 
-  bool stallHolding = false;   // a stall is due or running: received bytes wait unparsed
-  bool outputHolding = false;  // the output queue was full: received bytes wait unparsed
-  bool paused = false;         // deregistered from the loop by one of the two holds
+  bool stallHolding = false;     // a stall is due or running: received bytes wait unparsed
+  bool outputHolding = false;    // the output queue was full: received bytes wait unparsed
+  bool paused = false;           // deregistered from the loop by one of the two holds
   BIO* heldSocketBio = nullptr;  // OpenSSL's socket BIO while its reads are stopped; one ref ours
   bool abruptPending = false;
   bool stallPending = false;
