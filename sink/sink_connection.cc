@@ -71,8 +71,9 @@ SinkConnection::~SinkConnection() {
 }
 
 void SinkConnection::parseRecvBuffer() {
-  // The TLS read goes on until OpenSSL has nothing more, also after a hold began: what comes in
-  // meanwhile stays in the receive buffer until the hold is over.
+  // After a stall became due the TLS read goes on until OpenSSL has nothing more; after the
+  // output filled up it ends with the next record. What comes in meanwhile stays in the receive
+  // buffer until the hold is over.
   if (stallHolding || outputHolding) return;
   if (shared.output.full()) {
     holdForOutput();
