@@ -45,48 +45,64 @@ void EventWriter::makeRoom(size_t needed) {
   if (buffer.size() + needed > buffer.capacity()) flush();
 }
 
-void EventWriter::writeBatch(const std::string& token, uint32_t context, uint64_t timestamp,
-                             uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
-                             uint32_t count) {
+void EventWriter::writeBatch(const QueuedBatch& batch) {
   if (failed) return;
+  const char* event = batch.bytes;
+  auto nextSize = [&batch](uint32_t i) {
+    uint32_t size;
+    memcpy(&size, batch.sizes + i * sizeof size, sizeof size);
+    return static_cast<size_t>(size);
+  };
   if (format == OutputFormat::RAW) {
-    for (uint32_t i = 0; i < count; ++i) {
-      const size_t size = static_cast<size_t>(events[i].end - events[i].begin);
+    for (uint32_t i = 0; i < batch.count; ++i) {
+      const size_t size = nextSize(i);
       makeRoom(size);
-      buffer.append(reinterpret_cast<const char*>(events[i].begin), size);
+      buffer.append(event, size);
+      event += size;
     }
     return;
   }
 
   prefix.assign("{\"token\":\"");
-  appendEscapedJson(prefix, token.data(), token.size());
+  appendEscapedJson(prefix, batch.token.data(), batch.token.size());
   prefix.append("\",\"context\":");
-  appendNumber(prefix, context);
+  appendNumber(prefix, batch.context);
   prefix.append(",\"timestamp\":");
-  appendNumber(prefix, timestamp);
+  appendNumber(prefix, batch.timestamp);
   prefix.append(",\"connection\":");
-  appendNumber(prefix, connection);
+  appendNumber(prefix, batch.connection);
   prefix.append(",\"batch\":");
-  appendNumber(prefix, batch);
+  appendNumber(prefix, batch.batch);
   if (receivedTime) {
     // Wall clock, as the agent stamps its events: the difference is the delivery delay.
     prefix.append(",\"received\":");
     appendNumber(prefix, wallClockNanos());
   }
   prefix.append(",\"event\":\"");
-  for (uint32_t i = 0; i < count; ++i) {
-    const size_t size = static_cast<size_t>(events[i].end - events[i].begin);
+  for (uint32_t i = 0; i < batch.count; ++i) {
+    const size_t size = nextSize(i);
     makeRoom(prefix.size() + 6 * size + sizeof EVENT_END);
     buffer.append(prefix);
-    appendEscapedJson(buffer, reinterpret_cast<const char*>(events[i].begin), size);
+    appendEscapedJson(buffer, event, size);
     buffer.append(EVENT_END, sizeof EVENT_END - 1);
+    event += size;
   }
 }
 
 void EventWriter::flush() {
+  writeAll(buffer.data(), buffer.size());
+  buffer.clear();
+}
+
+void EventWriter::writeBytes(const char* data, size_t size) {
+  flush();
+  writeAll(data, size);
+}
+
+void EventWriter::writeAll(const char* data, size_t size) {
   size_t written = 0;
-  while (!failed && written < buffer.size()) {
-    const ssize_t ret = write(fd, buffer.data() + written, buffer.size() - written);
+  while (!failed && written < size) {
+    const ssize_t ret = write(fd, data + written, size - written);
     if (ret > 0) {
       written += static_cast<size_t>(ret);
       continue;
@@ -99,9 +115,7 @@ void EventWriter::flush() {
       poll(&waitFor, 1, -1);
       continue;
     }
-    error(log) << "Could not write events: " << strerror(ret == 0 ? EIO : savedErrno)
-               << std::endl;
+    error(log) << "Could not write events: " << strerror(ret == 0 ? EIO : savedErrno) << std::endl;
     failed = true;
   }
-  buffer.clear();
 }

@@ -1,15 +1,28 @@
-// The sink's event output: a large buffer that is handed to the kernel in large write(2) calls,
-// never per line. Internal to sink/.
+// The sink's event formatting and output: a large buffer that is handed to the kernel in large
+// write(2) calls, never per line. Internal to sink/.
 //
-// Main thread only. In the steady state appending allocates nothing.
+// One thread only: the output thread of SinkOutput. In the steady state appending allocates
+// nothing.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "sink/sink_options.h"
-#include "support/log_event.h"
 #include "support/log.h"
+
+/// One batch as SinkOutput queues it: the events' sizes and bytes lie back to back in the queue.
+struct QueuedBatch {
+  std::string_view token;
+  uint32_t context = 0;
+  uint64_t timestamp = 0;
+  uint64_t connection = 0;
+  uint64_t batch = 0;
+  uint32_t count = 0;
+  const char* sizes = nullptr;  // `count` uint32_t, unaligned
+  const char* bytes = nullptr;  // the events, one after the other
+};
 
 class EventWriter {
  public:
@@ -26,17 +39,19 @@ class EventWriter {
 
   /// Appends one batch, each event as one JSON line or as its bare bytes. May flush first, when
   /// the buffer could not take the next event.
-  void writeBatch(const std::string& token, uint32_t context, uint64_t timestamp,
-                  uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
-                  uint32_t count);
+  void writeBatch(const QueuedBatch& batch);
+  /// Flushes, then writes `size` bytes from `data` as they are: the raw format needs no copy.
+  void writeBytes(const char* data, size_t size);
   /// Hands all buffered bytes to the kernel, waiting while a non-blocking output is full. On a
   /// write error it logs once, drops the data and discards everything from then on.
   void flush();
   bool hasFailed() const { return failed; }
+  OutputFormat outputFormat() const { return format; }
   size_t buffered() const { return buffer.size(); }
 
  private:
   void makeRoom(size_t needed);
+  void writeAll(const char* data, size_t size);
 
   Log log;
   int fd;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <variant>
 
 #include "loop/event_loop.h"
@@ -13,6 +14,7 @@
 #include "sink/certificate.h"
 #include "sink/event_writer.h"
 #include "sink/sink_options.h"
+#include "sink/sink_output.h"
 #include "sink/sink_server.h"
 #include "support/exit_orderly.h"
 #include "support/log.h"
@@ -50,14 +52,17 @@ int main(int argc, char** argv) {
   NetworkConnection::Initialize(log, true, false);
 
   EventLoop loop(log);
-  EventWriter writer(log, out, out != STDOUT_FILENO, options.format, options.receivedTime);
-  SinkServer server(log, loop, options, writer);
+  SinkOutput output(log, loop,
+                    std::make_unique<EventWriter>(log, out, out != STDOUT_FILENO, options.format,
+                                                  options.receivedTime));
+  SinkServer server(log, loop, options, output);
   if (!server.start()) return 1;
   if (options.printPort) std::cerr << server.port() << std::endl;
 
   loop.runWhile([&server] { return shouldKeepRunning() && server.shouldRun(); });
 
-  writer.flush();
+  // Everything taken gets written, also what arrived after the last acknowledgement went out.
+  output.finish();
   server.reportFinal();
-  return writer.hasFailed() ? 1 : 0;
+  return output.hasFailed() ? 1 : 0;
 }

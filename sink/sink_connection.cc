@@ -1,5 +1,7 @@
 #include "sink/sink_connection.h"
 
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -23,6 +25,12 @@ const std::string TOKEN_REFUSED = "write token refused";
 const std::string UNREGISTERED_TOKEN;
 const SinkOptions NO_FAULTS;
 
+// The kernel doubles it. Left to itself, it grows a receive buffer that is read quickly up to
+// net.ipv4.tcp_rmem's maximum (32 MiB on some machines): with the output on its own thread the
+// sink reads quickly, and once the output slows down, that buffer took in seconds of it before the
+// agent felt anything. Loopback and LAN round trips fill 256 KiB many times over per millisecond.
+constexpr int RECEIVE_BUFFER = 256 << 10;
+
 }  // namespace
 
 CommandSet SinkHandler::acceptedCommands() const {
@@ -38,9 +46,14 @@ SinkConnection::SinkConnection(const Log& baseLog, const ConnectionInfo& info, i
     : NetworkConnection(baseLog, info, acceptedSocket, true),
       shared(sinkShared),
       number(connectionNumber),
-      faults(!sinkShared.options.faultyConnections || connectionNumber < *sinkShared.options.faultyConnections
+      faults(!sinkShared.options.faultyConnections ||
+                     connectionNumber < *sinkShared.options.faultyConnections
                  ? sinkShared.options
                  : NO_FAULTS) {
+  if (setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) == -1) {
+    const int savedErrno = errno;
+    error(log) << "Could not set the receive buffer: " << strerror(savedErrno) << std::endl;
+  }
   setHandler(std::make_unique<NetworkCmdHandler<SinkHandler>>(this));
   // The agent closes its side when it is done; answer in kind so the connection can finish.
   setReadClosedHandler([this] { finish(); });
@@ -52,21 +65,89 @@ SinkConnection::SinkConnection(const Log& baseLog, const ConnectionInfo& info, i
   registerAt(&shared.loop);
 }
 
+SinkConnection::~SinkConnection() {
+  // Gives OpenSSL its socket BIO back, so that it frees what it owns and nothing else.
+  restartSocketReads();
+}
+
 void SinkConnection::parseRecvBuffer() {
-  // The TLS read goes on until OpenSSL has nothing more, also after a stall became due: what
-  // comes in meanwhile stays in the receive buffer until the stall is over.
-  if (holding) return;
+  // After a stall became due the TLS read goes on until OpenSSL has nothing more; after the
+  // output filled up it ends with the next record. What comes in meanwhile stays in the receive
+  // buffer until the hold is over.
+  if (stallHolding || outputHolding) return;
+  if (shared.output.full()) {
+    holdForOutput();
+    return;
+  }
   NetworkConnection::parseRecvBuffer();
-  if (!pendingAcks.empty()) {
-    // An acknowledgement promises that the batch is safe with us: its events go to the kernel
-    // before the promise does.
-    shared.writer.flush();
-    if (canSend()) {
-      for (const uint64_t batch : pendingAcks) send(CmdIngestLogAck{0, batch, 0});
-    }
-    pendingAcks.clear();
+  // The queue may go past its limit by what one read brought; reading stops from here on.
+  if (shared.output.full()) holdForOutput();
+  applyFaults();
+}
+
+void SinkConnection::acknowledgeWritten(uint64_t writtenBatches) {
+  if (pendingAcks.empty() || pendingAcks.front().queued >= writtenBatches) return;
+  // An acknowledgement promises that the batch is safe with us: it goes out only once the
+  // output thread has handed the batch's events to the kernel.
+  while (!pendingAcks.empty() && pendingAcks.front().queued < writtenBatches) {
+    if (canSend()) send(CmdIngestLogAck{0, pendingAcks.front().batch, 0});
+    pendingAcks.pop_front();
   }
   applyFaults();
+}
+
+void SinkConnection::holdForOutput() {
+  outputHolding = true;
+  stopSocketReads();
+  scheduleDeferred();
+}
+
+void SinkConnection::stopSocketReads() {
+  if (heldSocketBio || !ssl) return;
+  BIO* empty = BIO_new(BIO_s_mem());
+  if (!empty) return;  // then the read loop ends when the peer pauses, and leaving the loop holds
+  // Empty, it asks to be read again later, as a socket without data does.
+  BIO_set_mem_eof_return(empty, -1);
+  heldSocketBio = SSL_get_rbio(ssl);
+  // OpenSSL frees the BIO it reads from when that is replaced; the socket BIO, which it also
+  // writes to, has to survive that.
+  BIO_up_ref(heldSocketBio);
+  SSL_set0_rbio(ssl, empty);
+}
+
+void SinkConnection::restartSocketReads() {
+  if (!heldSocketBio) return;
+  SSL_set0_rbio(ssl, heldSocketBio);  // frees the empty BIO; our reference goes to OpenSSL
+  heldSocketBio = nullptr;
+}
+
+void SinkConnection::outputDrained() {
+  if (!outputHolding) return;
+  outputHolding = false;
+  updateReading();
+}
+
+void SinkConnection::updateReading() {
+  if (stallHolding || outputHolding) {
+    if (!paused && !isDead()) {
+      deregister();
+      paused = true;
+    }
+    return;
+  }
+  restartSocketReads();
+  if (paused) {
+    paused = false;
+    // registerAt() re-arms the interest and reads what OpenSSL may already hold.
+    if (!isDead()) registerAt(&shared.loop);
+  }
+  // When registerAt() found answers queued meanwhile, it sent them and left the interest unset;
+  // and a hold that ended before it left the loop kept the interest of its last empty read.
+  // Either way, this reads.
+  if (!isDead() && loop) epollListen();
+  // What was held in the receive buffer needs a parse of its own in case nothing new arrives.
+  // That includes a connection that died meanwhile: its peer sent these batches before it went.
+  parseRecvBuffer();
 }
 
 void SinkConnection::registerContext(const CmdRegisterIngestContext& cmd) {
@@ -108,8 +189,9 @@ void SinkConnection::takeBatch(const CmdIngestLogEvents& cmd) {
   const auto found = contexts.find(cmd.context);
   // A batch for a context that was never registered is still written, with an empty token.
   const Context* context = found == contexts.end() ? nullptr : &found->second;
-  shared.writer.writeBatch(context ? context->token : UNREGISTERED_TOKEN, cmd.context,
-                           cmd.timestamp, number, batch, cmd.events, cmd.count);
+  const uint64_t queued =
+      shared.output.add(context ? context->token : UNREGISTERED_TOKEN, cmd.context, cmd.timestamp,
+                        number, batch, cmd.events, cmd.count);
 
   SinkStats& stats = shared.stats;
   for (uint32_t i = 0; i < cmd.count; ++i) {
@@ -122,7 +204,7 @@ void SinkConnection::takeBatch(const CmdIngestLogEvents& cmd) {
     if (stats.firstEventNanos == 0) stats.firstEventNanos = stats.lastEventNanos;
   }
 
-  if (context && context->acknowledge && !faults.noAck) pendingAcks.push_back(batch);
+  if (context && context->acknowledge && !faults.noAck) pendingAcks.push_back({queued, batch});
   armFaults();
 }
 
@@ -138,6 +220,17 @@ void SinkConnection::armFaults() {
 }
 
 void SinkConnection::applyFaults() {
+  // A due stall stops the parsing at once; it stops the reading only once the acknowledgements of
+  // the batches before it went out, which a connection off the loop could not send.
+  if (stallDue && !stallDone) stallHolding = true;
+  // The faults that end the exchange come after those acknowledgements too, as from a server
+  // that answers what it took before it misbehaves.
+  if (!pendingAcks.empty()) return;
+  if (stallDue && !stallDone) {
+    stallDone = true;
+    stallPending = true;
+    scheduleDeferred();
+  }
   if (errorDue && !errorDone) {
     errorDone = true;
     if (canSend()) {
@@ -163,12 +256,6 @@ void SinkConnection::applyFaults() {
     } else {
       finish();
     }
-  }
-  if (stallDue && !stallDone) {
-    stallDone = true;
-    stallPending = true;
-    holding = true;
-    scheduleDeferred();
   }
 }
 
@@ -198,31 +285,29 @@ void SinkConnection::runDeferred() {
   if (stallPending) {
     stallPending = false;
     if (isDead()) {
-      holding = false;
+      stallHolding = false;
       return;
     }
     info(log.with("stall_ms", faults.stallNanos / 1'000'000))
         << "Stalling the connection from " << connectionInfo << std::endl;
-    deregister();
     resumeScheduled = true;
     shared.loop.addTimeout(faults.stallNanos, &resumeKey, [this] {
       resumeReading();
       return true;
     });
   }
+  updateReading();
 }
 
 void SinkConnection::resumeReading() {
   resumeScheduled = false;
-  holding = false;
+  stallHolding = false;
   if (isDead()) return;
   info(log) << "Resuming the connection from " << connectionInfo << std::endl;
-  // registerAt() re-arms the interest and reads what OpenSSL may already hold; what was held
-  // in the receive buffer needs a parse of its own in case nothing new arrives.
-  registerAt(&shared.loop);
-  if (!isDead()) parseRecvBuffer();
+  updateReading();
 }
 
 bool SinkConnection::collectable() const {
-  return isDead() && !deferredScheduled && !resumeScheduled;
+  // A connection held for the output still has batches to write that its peer sent.
+  return isDead() && !deferredScheduled && !resumeScheduled && !outputHolding;
 }

@@ -1,12 +1,16 @@
-// One accepted agent connection of the sink: answers registrations and configurations, writes
-// the events of every batch to the shared output, acknowledges batches once their events were
-// handed to the kernel, and injects the faults the command line asks for. Internal to sink/.
+// One accepted agent connection of the sink: answers registrations and configurations, queues
+// the events of every batch for the shared output, acknowledges batches once the output thread
+// has handed their events to the kernel, stops reading while the output's queue is full, and
+// injects the faults the command line asks for. Internal to sink/.
 //
 // Main thread only. The sink owns its connections and destroys them only from its sweep, never
 // from one of their own callbacks; collectable() says when that is safe.
 #pragma once
 
+#include <openssl/types.h>
+
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -14,8 +18,8 @@
 #include "loop/event_loop.h"
 #include "net/network_connection.h"
 #include "protocol/network_command.h"
-#include "sink/event_writer.h"
 #include "sink/sink_options.h"
+#include "sink/sink_output.h"
 
 /// Totals of the whole sink since it started.
 struct SinkStats {
@@ -31,7 +35,7 @@ struct SinkStats {
 struct SinkShared {
   const SinkOptions& options;
   EventLoop& loop;
-  EventWriter& writer;
+  SinkOutput& output;
   SinkStats stats;
 };
 
@@ -41,12 +45,19 @@ class SinkConnection : public NetworkConnection {
   /// `number` names the connection in the output, counting from 0 in accepting order.
   SinkConnection(const Log& log, const ConnectionInfo& info, int socket, uint64_t number,
                  SinkShared& shared);
+  ~SinkConnection() override;
 
-  /// Base parse, then flush the output and send the acknowledgements of this burst, then carry
-  /// out the faults that became due. Parses nothing while a stall holds the connection.
+  /// Base parse, whose batches go to the output queue, then carry out the faults that became due.
+  /// Parses nothing while a stall or a full output queue holds the connection.
   void parseRecvBuffer() override;
   /// The commands an agent sends, which the shared code has no reader for.
   bool parseOtherCommand(uint16_t command, IncomingPacket& packet) override;
+
+  /// The output thread has written every batch numbered below `writtenBatches` (SinkOutput's
+  /// numbers): sends their acknowledgements, in order, and then any fault that waited for them.
+  void acknowledgeWritten(uint64_t writtenBatches);
+  /// The output queue has room again: reads and parses again if it was held for that.
+  void outputDrained();
 
   // Handlers of the three commands an agent sends; called from within parseRecvBuffer.
   void registerContext(const CmdRegisterIngestContext& cmd);
@@ -61,6 +72,10 @@ class SinkConnection : public NetworkConnection {
     std::string token;
     bool acknowledge = false;
   };
+  struct PendingAck {
+    uint64_t queued;  // SinkOutput's number of the batch
+    uint64_t batch;   // the connection's
+  };
 
   bool canSend() const { return state == ESTABLISHED || state == CLOSED_READ; }
   bool isDead() const { return state == FAILED || state == FINISHED; }
@@ -72,6 +87,15 @@ class SinkConnection : public NetworkConnection {
   void scheduleDeferred();
   void runDeferred();
   void resumeReading();
+  /// Stops reading at once, even in the middle of the read loop of an event, and leaves the loop.
+  void holdForOutput();
+  /// OpenSSL reads from an empty memory BIO while the output holds the connection: the read loop
+  /// ends there, rather than when the peer pauses, which a fast peer might never do.
+  void stopSocketReads();
+  void restartSocketReads();
+  /// Leaves the loop while something holds the connection, and comes back and parses what was
+  /// held once nothing does. Outside of every callback of this connection only.
+  void updateReading();
 
   SinkShared& shared;
   const uint64_t number;
@@ -79,7 +103,7 @@ class SinkConnection : public NetworkConnection {
   const SinkOptions& faults;
   std::unordered_map<uint32_t, Context> contexts;
   uint64_t batchesTaken = 0;
-  std::vector<uint64_t> pendingAcks;  // reused: no allocation per burst once grown
+  std::deque<PendingAck> pendingAcks;  // queued, not yet written out; in batch order
 
   // Each fault goes due once and is carried out once.
   bool errorDue = false, errorDone = false;
@@ -90,7 +114,10 @@ class SinkConnection : public NetworkConnection {
   // unacknowledged, as by a server that has gone away; the agent sends them again elsewhere.
   bool refusing = false;
 
-  bool holding = false;  // a stall is due or running: received bytes wait unparsed
+  bool stallHolding = false;     // a stall is due or running: received bytes wait unparsed
+  bool outputHolding = false;    // the output queue was full: received bytes wait unparsed
+  bool paused = false;           // deregistered from the loop by one of the two holds
+  BIO* heldSocketBio = nullptr;  // OpenSSL's socket BIO while its reads are stopped; one ref ours
   bool abruptPending = false;
   bool stallPending = false;
   bool deferredScheduled = false;

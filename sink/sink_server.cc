@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr uint64_t ONE_SECOND = 1'000'000'000ull;
 constexpr uint64_t SWEEP_INTERVAL = 200'000'000ull;
 constexpr uint64_t IDLE_CHECK_INTERVAL = 20'000'000ull;
 
@@ -23,15 +22,17 @@ uint64_t perSecond(uint64_t count, uint64_t nanos) {
 }  // namespace
 
 SinkServer::SinkServer(const Log& parent, EventLoop& eventLoop, const SinkOptions& options,
-                       EventWriter& writer)
+                       SinkOutput& output)
     : log(parent.with("component", "SinkServer")),
       loop(eventLoop),
-      shared{options, eventLoop, writer, {}},
+      shared{options, eventLoop, output, {}},
       listener(parent, eventLoop,
-               [this](int socket, const ConnectionInfo& peer) { accept(socket, peer); }) {}
+               [this](int socket, const ConnectionInfo& peer) { accept(socket, peer); }) {
+  output.setProgressHandler([this] { outputProgressed(); });
+}
 
 SinkServer::~SinkServer() {
-  loop.removeInterval(&flushKey);
+  shared.output.setProgressHandler(nullptr);
   loop.removeInterval(&reportKey);
   loop.removeInterval(&sweepKey);
   loop.removeInterval(&idleKey);
@@ -41,8 +42,7 @@ bool SinkServer::start() {
   const SinkOptions& options = shared.options;
   if (!listener.open(options.listenAddress, options.listenAddressLength)) return false;
   lastReportNanos = monotonicNanos();
-  // Intervals fire on the next pass when added; the flush and the report have nothing to do then.
-  loop.addInterval(ONE_SECOND, &flushKey, [this] { return flushOutput(); });
+  // Intervals fire on the next pass when added; the report has nothing to do then.
   loop.addInterval(options.reportIntervalNanos, &reportKey, [this] { return report(); });
   loop.addInterval(SWEEP_INTERVAL, &sweepKey, [this] { return sweep(); });
   if (options.exitAfterIdleNanos) {
@@ -52,7 +52,7 @@ bool SinkServer::start() {
 }
 
 bool SinkServer::shouldRun() const {
-  if (shared.writer.hasFailed() || idleExit) return false;
+  if (shared.output.hasFailed() || idleExit) return false;
   const std::optional<uint64_t>& limit = shared.options.exitAfterEvents;
   return !limit || shared.stats.events < *limit;
 }
@@ -64,10 +64,14 @@ void SinkServer::accept(int socket, const ConnectionInfo& peer) {
                                                          socket, number, shared));
 }
 
-bool SinkServer::flushOutput() {
-  if (shared.writer.buffered() == 0) return false;
-  shared.writer.flush();
-  return true;
+void SinkServer::outputProgressed() {
+  const uint64_t written = shared.output.written();
+  for (const auto& con : connections) con->acknowledgeWritten(written);
+  const size_t count = connections.size();
+  for (size_t i = 0; i < count && !shared.output.full(); ++i) {
+    connections[(nextToResume + i) % count]->outputDrained();
+  }
+  if (count > 0) nextToResume = (nextToResume + 1) % count;
 }
 
 Log SinkServer::totals(uint64_t eventsPerSecond) const {

@@ -1,8 +1,10 @@
-// The sink as a whole on one event loop: the listener, the accepted connections, the periodic
-// flush, report and sweep, and the conditions under which a run ends. Internal to sink/.
+// The sink as a whole on one event loop: the listener, the accepted connections, what the output
+// thread reports back, the periodic report and sweep, and the conditions under which a run ends.
+// Internal to sink/.
 //
-// Main thread only. Declare the EventLoop before the server: the server removes its timers and
-// listeners when it dies, and the loop drops any timeout still pending after that.
+// Main thread only. Declare the EventLoop and the SinkOutput before the server: the server removes
+// its timers, listeners and output handler when it dies, and the loop drops any timeout still
+// pending after that.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +12,15 @@
 #include <vector>
 
 #include "loop/event_loop.h"
-#include "sink/event_writer.h"
 #include "sink/sink_connection.h"
 #include "sink/sink_listener.h"
 #include "sink/sink_options.h"
+#include "sink/sink_output.h"
 #include "support/log.h"
 
 class SinkServer {
  public:
-  SinkServer(const Log& log, EventLoop& loop, const SinkOptions& options, EventWriter& writer);
+  SinkServer(const Log& log, EventLoop& loop, const SinkOptions& options, SinkOutput& output);
   ~SinkServer();
   SinkServer(const SinkServer&) = delete;
   SinkServer& operator=(const SinkServer&) = delete;
@@ -34,7 +36,8 @@ class SinkServer {
 
  private:
   void accept(int socket, const ConnectionInfo& peer);
-  bool flushOutput();
+  /// Acknowledges what the output thread wrote and lets held connections read again.
+  void outputProgressed();
   bool report();
   bool sweep();
   bool checkIdle();
@@ -49,5 +52,6 @@ class SinkServer {
   bool idleExit = false;
   uint64_t lastReportNanos = 0;  // monotonic
   uint64_t lastReportEvents = 0;
-  char flushKey = 0, reportKey = 0, sweepKey = 0, idleKey = 0;
+  size_t nextToResume = 0;  // turns go round, so that one busy connection can't starve the rest
+  char reportKey = 0, sweepKey = 0, idleKey = 0;
 };

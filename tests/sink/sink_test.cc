@@ -9,7 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <initializer_list>
 #include <cstring>
 #include <map>
@@ -69,6 +71,7 @@ class SinkProcess {
   }
 
   std::string err() const { return readFile(errPath); }
+  long peakRssKib() const { return process.peakRssKib(); }
 
   /// Whether `text` shows up on standard error within `limit`: a line may be written after the
   /// event that the test saw.
@@ -464,6 +467,129 @@ TEST_F(SinkTest, MakesAKeyPairOnlyWhenNoneIsThere) {
   auto sink = startSink();
   EXPECT_EQ(sink->terminate(), 0);
   EXPECT_THAT(sink->err(), Not(HasSubstr("Made a self-signed")));
+}
+
+// The read end of a FIFO in `dir` that the sink writes its events to, opened first so that the
+// sink's open doesn't wait for a reader. Until the test reads, the output is as slow as can be.
+class OutputFifo {
+ public:
+  explicit OutputFifo(const TempDir& dir) : path(dir.file("events.fifo")) {
+    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0) << strerror(errno);
+    fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_NE(fd, -1) << strerror(errno);
+  }
+  ~OutputFifo() { close(fd); }
+
+  /// Appends whatever the pipe holds right now to `received`.
+  void drain() {
+    char chunk[65536];
+    ssize_t got;
+    while ((got = read(fd, chunk, sizeof chunk)) > 0) received.append(chunk, got);
+  }
+
+  const std::string path;
+  std::string received;
+
+ private:
+  int fd = -1;
+};
+
+// Event `index` of a test run: its number first, padded to `size` bytes with the newline.
+std::string numberedEvent(uint64_t index, size_t size) {
+  std::string event = "event-" + std::to_string(index) + " ";
+  event.resize(size - 1, 'x');
+  return event + "\n";
+}
+
+// Checks that `output` holds JSON lines of events 0, 1, ... in order, `perBatch` to a batch
+// numbered from 0, and returns how many.
+size_t checkNumberedLines(const std::string& output, size_t perBatch) {
+  size_t index = 0;
+  for (const std::string& line : splitLines(output)) {
+    const std::string batch = "\"batch\":" + std::to_string(index / perBatch) + ",";
+    const std::string event = "\"event\":\"event-" + std::to_string(index) + " ";
+    if (line.find(batch) == std::string::npos || line.find(event) == std::string::npos) {
+      ADD_FAILURE() << "line " << index << " is out of order: " << line.substr(0, 160);
+      break;
+    }
+    ++index;
+  }
+  return index;
+}
+
+TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheAgentBackLater) {
+  constexpr size_t EVENT_SIZE = 1000, PER_BATCH = 64;
+  constexpr uint64_t FIRST = 4, TOTAL = 1536;  // 256 KiB, below the queue's limit; 96 MiB in all
+  OutputFifo fifo(dir);
+  auto sink = startSink({"--out", fifo.path});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  uint64_t sent = 0;
+  auto sendUpTo = [&](uint64_t batches) {
+    for (; sent < batches; ++sent) {
+      std::vector<std::string> events;
+      for (size_t i = 0; i < PER_BATCH; ++i) {
+        events.push_back(numberedEvent(sent * PER_BATCH + i, EVENT_SIZE));
+      }
+      client->sendBatch(0, sent, events);
+    }
+  };
+
+  // Nobody reads the output, yet a registration behind 256 KiB of batches gets its answer.
+  sendUpTo(FIRST);
+  roundTrip(*client);
+
+  // Far more than the queue and the socket buffers take: the sink stops reading, and the agent's
+  // bytes wait on its side, not in the sink's memory.
+  sendUpTo(TOTAL);
+  run([] { return false; }, 2s);
+  EXPECT_GT(client->con.usedSendBuffer(), 0u);
+  EXPECT_LT(sink->peakRssKib(), 48 * 1024);  // a sixth of what was sent is ample
+
+  // Whatever was acknowledged so far is in the pipe already; the pipe holds only a little.
+  const size_t acked = client->got.acks.size();
+  EXPECT_LT(acked, FIRST);
+  fifo.drain();
+  EXPECT_GE(checkNumberedLines(fifo.received, PER_BATCH), acked * PER_BATCH);
+
+  // Once somebody reads, the sink resumes by itself and everything arrives, in order.
+  ASSERT_TRUE(run(
+      [&] {
+        fifo.drain();
+        return client->got.acks.size() == TOTAL;
+      },
+      60s));
+  for (uint64_t i = 0; i < TOTAL; ++i) ASSERT_EQ(client->got.acks[i], i);
+  fifo.drain();
+  EXPECT_EQ(checkNumberedLines(fifo.received, PER_BATCH), TOTAL * PER_BATCH);
+  EXPECT_EQ(sink->terminate(), 0);
+}
+
+TEST_F(SinkTest, BatchesHeldForTheOutputAreWrittenAfterTheirPeerClosed) {
+  constexpr size_t EVENT_SIZE = 1000, PER_BATCH = 64;
+  constexpr uint64_t TOTAL = 256;  // 16 MiB: far more than the queue, so some wait unparsed
+  OutputFifo fifo(dir);
+  auto sink = startSink({"--out", fifo.path});
+  auto client = connect();
+  negotiate(*client, "t", 0, 0);
+  for (uint64_t batch = 0; batch < TOTAL; ++batch) {
+    std::vector<std::string> events;
+    for (size_t i = 0; i < PER_BATCH; ++i) {
+      events.push_back(numberedEvent(batch * PER_BATCH + i, EVENT_SIZE));
+    }
+    client->sendBatch(0, batch, events);
+  }
+  client->con.finish();
+  // The output is read only from here on; the close may have come while batches were held.
+  ASSERT_TRUE(run(
+      [&] {
+        fifo.drain();
+        const auto lines = std::count(fifo.received.begin(), fifo.received.end(), '\n');
+        return client->finished && static_cast<uint64_t>(lines) == TOTAL * PER_BATCH;
+      },
+      30s));
+  EXPECT_EQ(checkNumberedLines(fifo.received, PER_BATCH), TOTAL * PER_BATCH);
+  EXPECT_EQ(sink->terminate(), 0);
 }
 
 TEST(SinkCommandLine, RefusesBadFlagsWithStatus2AndNamesThem) {
