@@ -18,7 +18,7 @@
 
 #include "loop/event_loop.h"
 #include "sink/event_writer.h"
-#include "sources/log_event.h"
+#include "support/log_event.h"
 #include "support/log.h"
 
 class SinkOutput : public EpollListener {
