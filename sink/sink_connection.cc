@@ -71,9 +71,8 @@ SinkConnection::~SinkConnection() {
 }
 
 void SinkConnection::parseRecvBuffer() {
-  // After a stall became due the TLS read goes on until OpenSSL has nothing more; after the
-  // output filled up it ends with the next record. What comes in meanwhile stays in the receive
-  // buffer until the hold is over.
+  // After a stall became due or the output filled up, the TLS read ends with the next record.
+  // What came in meanwhile stays in the receive buffer until the hold is over.
   if (stallHolding || outputHolding) return;
   if (shared.output.full()) {
     holdForOutput();
@@ -220,9 +219,13 @@ void SinkConnection::armFaults() {
 }
 
 void SinkConnection::applyFaults() {
-  // A due stall stops the parsing at once; it stops the reading only once the acknowledgements of
-  // the batches before it went out, which a connection off the loop could not send.
-  if (stallDue && !stallDone) stallHolding = true;
+  // A due stall stops the parsing and the reading at once, so what the agent has in flight is
+  // what the kernel's buffers hold; the connection leaves the loop only once the
+  // acknowledgements of the batches before it went out, which it could not send off the loop.
+  if (stallDue && !stallDone && !stallHolding) {
+    stallHolding = true;
+    stopSocketReads();
+  }
   // The faults that end the exchange come after those acknowledgements too, as from a server
   // that answers what it took before it misbehaves.
   if (!pendingAcks.empty()) return;

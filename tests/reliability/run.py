@@ -830,7 +830,10 @@ def _hostile_case(ctx, name, flags, faulty):
     open(source, "wb").close()
     sink = Sink(ctx, flags + ["--faulty-connections", str(faulty)], name="sink-" + name)
     agent = Agent(ctx, ["tail", source, "tok-8", "to", sink.target()], name="agent-" + name)
-    agent.wait_running()
+    # An unknown context ends the agent at its first answer, which a quick endpoint gives before
+    # the harness has seen the agent run.
+    if name != "unknown-context":
+        agent.wait_running()
     gen = Generator(ctx, source, lines, rate, name="gen-" + name)
     label = "7 hostile %s (first %d)" % (name, faulty)
     if name == "unknown-context":
