@@ -5,19 +5,25 @@
 #include "tests/support/address_helpers.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <functional>
 #include <initializer_list>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "loop/event_loop.h"
 #include "net/network_connection.h"
 #include "protocol/network_command.h"
 #include "protocol/network_packet.h"
+#include "tests/support/test_helpers.h"
 
 class TestConnection : public NetworkConnection {
  public:
@@ -115,3 +121,64 @@ inline std::string le32(uint32_t v) { return std::string(reinterpret_cast<const 
 inline std::string packet(uint16_t command, const std::string& payload) {
   return le32(static_cast<uint32_t>(payload.size() + 6)) + le16(command) + payload;
 }
+
+// Lines and a fixture shared by the connection and the packet-loop tests.
+inline const std::string PEER = "127.0.0.1:9000";
+inline const std::string FAILED_LINE = logLine("INFO", "Error on the connection from " + PEER);
+inline const std::string REMOTE_CLOSED_LINE =
+    logLine("INFO", "Remote end closed the connection from " + PEER);
+inline const std::string FINISHED_LINE = logLine("INFO", "Finished the connection from " + PEER);
+inline const std::string SKIPPED_LINE =
+    logLine("INFO", "Skipping call to error handler, already finalized.");
+
+// A plain connection over one end of a socketpair; the test holds the other end as raw bytes.
+class ConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    signal(SIGCHLD, SIG_DFL);  // the loop ignores it, which would keep death tests from waiting
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
+    con = std::make_unique<TestConnection>(log, loopbackInfo(9000), fds[0], false);
+    peer = fds[1];
+    out.str("");
+    calls = HandlerCalls();
+    calls.attach(*con);
+  }
+  void TearDown() override {
+    con.reset();
+    if (peer != -1) close(peer);
+    peer = -1;
+  }
+  void restart() {
+    TearDown();
+    SetUp();
+  }
+
+  std::vector<std::string> lines() const { return splitLines(out.str()); }
+  void peerWrite(const std::string& bytes) {
+    ASSERT_EQ(write(peer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  // What the peer got, and whether our end of stream followed it.
+  std::string peerRead(bool* ended) {
+    std::string all(1 << 16, '\0');
+    const ssize_t n = read(peer, all.data(), all.size());
+    char byte;
+    *ended = read(peer, &byte, 1) == 0;
+    return all.substr(0, std::max<ssize_t>(n, 0));
+  }
+  void queuePacket(uint16_t command, const std::string& payload) {
+    NetworkConnection::OutgoingPacket packet(con.get(), command, static_cast<uint32_t>(payload.size()));
+    packet.writeBytes(payload.data(), payload.size());
+  }
+  void acceptIds(std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {
+    con->setHandler(std::make_unique<RecordingAcceptor>(&seen, ids, std::move(after)));
+  }
+
+  std::ostringstream out, loopOut;
+  Log log{out}, loopLog{loopOut};
+  EventLoop loop{loopLog};
+  std::unique_ptr<TestConnection> con;
+  int peer = -1;
+  HandlerCalls calls;
+  std::vector<std::string> seen;
+};

@@ -12,6 +12,8 @@
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using State = NetworkConnection::State;
 using Packet = NetworkConnection::OutgoingPacket;
 using Reader = NetworkConnection::IncomingPacket;
 
@@ -228,6 +230,89 @@ TEST_F(PacketFramingDeathTest, ProgramErrorsStopTheProcess) {
   shortV6.data.ai_family = AF_INET6;
   EXPECT_DEATH({ Packet(con.get(), 1, 33).writeStructure({&shortV6}); },
                "`v\\[i\\]->data.ai_addrlen == sizeof\\(sockaddr_in6\\)' failed");
+}
+
+// The incoming packet loop, over a plain connection on one end of a socketpair.
+using PacketReceiving = ConnectionTest;
+
+TEST_F(PacketReceiving, BadHeadersFailAsSoonAsTheyAreKnown) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {le32(5), "Received packet too small (5), terminating connection"},
+      {le32(268435457), "Received package too large (268435457), terminating connection"},
+      {packet(49, ""), "Received unaccepted command: 49"},
+      {packet(256, ""), "Received unaccepted command: 256"},
+      {packet(65535, ""), "Received unaccepted command: 65535"},
+  };
+  for (const auto& [bytes, message] : cases) {
+    SCOPED_TRACE(message);
+    restart();
+    acceptIds({0, 1, 3});
+    con->registerAt(&loop);
+    peerWrite(bytes);  // nothing more ever arrives
+    ASSERT_TRUE(runUntil(loop, [&] { return con->hasFailed(); }));
+    EXPECT_THAT(lines(), ElementsAre(logLine("ERROR", message), FAILED_LINE));
+  }
+}
+
+TEST_F(PacketReceiving, LargestLengthGrowsTheBufferAndWaits) {
+  acceptIds({1});
+  con->registerAt(&loop);
+  peerWrite(le32(268435456) + le16(1));
+  ASSERT_TRUE(runUntil(loop, [&] { return con->recvBufferSize > 65536; }));
+  EXPECT_EQ(con->recvBufferSize, 268435462u);
+  EXPECT_EQ(con->connectionState(), State::ESTABLISHED);
+  EXPECT_THAT(lines(), ElementsAre(logLine("INFO", "Growing receive buffer to 268435462")));
+}
+
+TEST_F(PacketReceiving, WithoutHandlerPacketsAreDroppedAndTheConnectionLives) {
+  con->registerAt(&loop);
+  peerWrite(packet(3, "") + packet(1, "xy"));
+  ASSERT_TRUE(runUntil(loop, [&] { return lines().size() == 2; }));
+  EXPECT_THAT(lines(),
+              ElementsAre(logLine("ERROR", "Received 3 packet of length 6, but no handler set."),
+                          logLine("ERROR", "Received 1 packet of length 8, but no handler set.")));
+  EXPECT_EQ(con->connectionState(), State::ESTABLISHED);
+}
+
+TEST_F(PacketReceiving, TruncatedFieldIsReportedOnceThenTheParseFails) {
+  acceptIds({3});
+  con->registerAt(&loop);
+  peerWrite(packet(3, le32(7) + le16(10) + "ab"));  // the string claims ten bytes
+  ASSERT_TRUE(runUntil(loop, [&] { return con->hasFailed(); }));
+  EXPECT_THAT(lines(),
+              ElementsAre(logLine("ERROR", "Incoming packet data would extend beyond packet."),
+                          FAILED_LINE, logLine("ERROR", "Failed to parse incoming command: 3"),
+                          FAILED_LINE, SKIPPED_LINE));
+  EXPECT_THAT(seen, IsEmpty());
+  EXPECT_EQ(calls.error, 1);
+}
+
+TEST_F(PacketReceiving, PacketsArriveWholeWhateverTheReadsCutThem) {
+  acceptIds({0, 1, 3});
+  con->registerAt(&loop);
+  // Extra bytes behind a packet's fields are skipped with it.
+  const std::string stream = packet(0, "hello") + packet(1, "") +
+                             packet(3, le32(7) + le16(2) + "no" + "extra") + packet(1, "");
+  std::vector<size_t> completedAt;
+  for (size_t i = 0; i < stream.size(); ++i) {
+    const size_t before = seen.size();
+    peerWrite(stream.substr(i, 1));
+    ASSERT_TRUE(runUntil(loop, [&] { return unreadBytes(con->socket) == 0; }));
+    if (seen.size() != before) completedAt.push_back(i + 1);
+  }
+  EXPECT_THAT(seen, ElementsAre("error 'hello'", "completed", "registered 7 'no'", "completed"));
+  EXPECT_THAT(completedAt, ElementsAre(11, 17, 36, 42));
+  EXPECT_THAT(lines(), IsEmpty());
+}
+
+TEST_F(PacketReceiving, HandlerThatFinishesStillGetsTheBufferedPackets) {
+  acceptIds({1}, [&] {
+    if (con->connectionState() == State::ESTABLISHED) con->finish();
+  });
+  con->registerAt(&loop);
+  peerWrite(packet(1, "") + packet(1, ""));
+  ASSERT_TRUE(runUntil(loop, [&] { return seen.size() == 2; }));
+  EXPECT_EQ(con->connectionState(), State::CLOSED_WRITE);
 }
 
 }  // namespace
