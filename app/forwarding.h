@@ -14,8 +14,8 @@
 #include "loop/event_loop.h"
 #include "protocol/ingest_contexts_map.h"
 #include "protocol/network_command.h"
-#include "support/log_event.h"
 #include "support/log.h"
+#include "support/log_event.h"
 
 /// Totals since the start of the process, touched on the main thread only.
 extern uint64_t eventsForwarded;  // events written to a connection; a resend counts again

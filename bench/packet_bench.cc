@@ -23,7 +23,8 @@ constexpr size_t LINE_LENGTH = 120;
 // and the steady state allocates nothing.
 class BenchConnection : public NetworkConnection {
  public:
-  BenchConnection(const Log& baseLog, int fd) : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
+  BenchConnection(const Log& baseLog, int fd)
+      : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
   void dropQueued() { sendRead = sendWrite = sendBuffer.get(); }
 };
 

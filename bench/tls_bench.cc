@@ -148,7 +148,9 @@ void BM_BareSslLoop(benchmark::State& state) {
     size_t written = 0;
     uint64_t read = 0;
     while (read < records * recordSize) {
-      while (written < records && SSL_write(client, record.data(), static_cast<int>(recordSize)) > 0) ++written;
+      while (written < records &&
+             SSL_write(client, record.data(), static_cast<int>(recordSize)) > 0)
+        ++written;
       for (int n; (n = SSL_read(server, sink.data(), static_cast<int>(sink.size()))) > 0;) {
         read += static_cast<uint64_t>(n);
       }

@@ -15,7 +15,6 @@
 // it takes the acceptor's definition.
 #include "protocol/network_command.h"
 
-
 namespace {
 
 constexpr uint64_t SHOULD_SEND_LIMIT = 4096;

@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "net/network_connection.h"
-#include "sink/sink_connection.h"
 #include "protocol/network_command.h"
 #include "protocol/network_packet.h"
+#include "sink/sink_connection.h"
 
 namespace {
 

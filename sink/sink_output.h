@@ -18,8 +18,8 @@
 
 #include "loop/event_loop.h"
 #include "sink/event_writer.h"
-#include "support/log_event.h"
 #include "support/log.h"
+#include "support/log_event.h"
 
 class SinkOutput : public EpollListener {
  public:

@@ -10,9 +10,9 @@
 
 #include "loop/event_loop.h"
 #include "protocol/ingest_contexts_map.h"
-#include "support/log_event.h"
 #include "sources/timestamp_extractor.h"
 #include "support/log.h"
+#include "support/log_event.h"
 
 class LogEventSource {
  public:

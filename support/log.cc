@@ -120,6 +120,10 @@ int Log::FormattingBuffer::sync() {
   return 0;
 }
 
-Log& info(const Log& log) { return Log::startMessage(log, "INFO"); }
+Log& info(const Log& log) {
+  return Log::startMessage(log, "INFO");
+}
 
-Log& error(const Log& log) { return Log::startMessage(log, "ERROR"); }
+Log& error(const Log& log) {
+  return Log::startMessage(log, "ERROR");
+}

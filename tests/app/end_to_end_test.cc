@@ -1,10 +1,10 @@
 // The real agent against the real ingest endpoint on loopback, over TLS.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <fstream>

@@ -2,16 +2,16 @@
 // change of addresses keeps.
 #include "app/forwarding.h"
 
-#include "tests/support/address_helpers.h"
-#include "tests/support/sink_process.h"
-#include "tests/support/test_helpers.h"
-
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <iostream>
 #include <sstream>
+
+#include "tests/support/address_helpers.h"
+#include "tests/support/sink_process.h"
+#include "tests/support/test_helpers.h"
 
 namespace {
 
@@ -67,7 +67,8 @@ TEST_F(Forwarding, AgentAcceptsExactlyTheFourIngesterAnswers) {
   EventQueue events;
   IngestContextsMap contexts(log);
   auto con = connection();
-  const CommandSet accepted = AgentHandler(con.get(), events, contexts, Log(log)).acceptedCommands();
+  const CommandSet accepted =
+      AgentHandler(con.get(), events, contexts, Log(log)).acceptedCommands();
   EXPECT_EQ(accepted.words[0], 0x000C000000000009ull);
   EXPECT_EQ(accepted.words[1] | accepted.words[2] | accepted.words[3], 0u);
   EXPECT_TRUE(accepted.extended.empty());
@@ -168,7 +169,8 @@ class ForwardingToEndpoint : public Forwarding {
 
 TEST_F(ForwardingToEndpoint, AFullQueueIsDrainedBeforeABatchIsRefused) {
   // The queue filled while the endpoint paused; now the connection can take events again.
-  for (int i = 0; i < 1100; ++i) events.push_back(LogEvent{context, 5, "queued " + std::to_string(i) + "\n"});
+  for (int i = 0; i < 1100; ++i)
+    events.push_back(LogEvent{context, 5, "queued " + std::to_string(i) + "\n"});
   ASSERT_TRUE(first()->shouldSend());
   const uint64_t refusedBefore = bufferFull;
 
@@ -186,8 +188,10 @@ TEST_F(ForwardingToEndpoint, AFullQueueIsDrainedBeforeABatchIsRefused) {
   // Everything arrives once and in order: what waited first, then the new batch.
   const std::vector<std::string> lines = receivedLines(1103);
   ASSERT_EQ(lines.size(), 1103u) << out.str();
-  for (int i = 0; i < 1100; ++i) ASSERT_EQ(lines[static_cast<size_t>(i)], "queued " + std::to_string(i));
-  EXPECT_THAT(std::vector<std::string>(lines.end() - 3, lines.end()), ElementsAre("new 0", "new 1", "new 2"));
+  for (int i = 0; i < 1100; ++i)
+    ASSERT_EQ(lines[static_cast<size_t>(i)], "queued " + std::to_string(i));
+  EXPECT_THAT(std::vector<std::string>(lines.end() - 3, lines.end()),
+              ElementsAre("new 0", "new 1", "new 2"));
 }
 
 TEST_F(ForwardingToEndpoint, AFullQueueWhoseFrontCannotGoIsStillRefused) {

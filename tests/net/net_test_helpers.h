@@ -2,8 +2,6 @@
 // a recording command acceptor, loopback addresses and exact log lines. Tests only.
 #pragma once
 
-#include "tests/support/address_helpers.h"
-
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -23,6 +21,7 @@
 #include "net/network_connection.h"
 #include "protocol/network_command.h"
 #include "protocol/network_packet.h"
+#include "tests/support/address_helpers.h"
 #include "tests/support/test_helpers.h"
 
 class TestConnection : public NetworkConnection {
@@ -31,17 +30,17 @@ class TestConnection : public NetworkConnection {
   using NetworkConnection::epollListen;
   using NetworkConnection::externalReferenceCount;
   using NetworkConnection::incReferenceCount;
-  using NetworkConnection::parseCommand;
-  using NetworkConnection::startConnect;
   using NetworkConnection::LineBudget;
   using NetworkConnection::loop;
   using NetworkConnection::NetworkConnection;
+  using NetworkConnection::parseCommand;
   using NetworkConnection::recvBufferSize;
   using NetworkConnection::sendBuffer;
   using NetworkConnection::sendBufferSize;
   using NetworkConnection::sendRead;
   using NetworkConnection::sendWrite;
   using NetworkConnection::socket;
+  using NetworkConnection::startConnect;
   using NetworkConnection::state;
 
   /// The bytes waiting in the send buffer.
@@ -167,7 +166,8 @@ class ConnectionTest : public ::testing::Test {
     return all.substr(0, std::max<ssize_t>(n, 0));
   }
   void queuePacket(uint16_t command, const std::string& payload) {
-    NetworkConnection::OutgoingPacket packet(con.get(), command, static_cast<uint32_t>(payload.size()));
+    NetworkConnection::OutgoingPacket packet(con.get(), command,
+                                             static_cast<uint32_t>(payload.size()));
     packet.writeBytes(payload.data(), payload.size());
   }
   void acceptIds(std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {

@@ -21,7 +21,8 @@ using ::testing::HasSubstr;
 
 class PlainConnection : public NetworkConnection {
  public:
-  PlainConnection(const Log& baseLog, int fd) : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
+  PlainConnection(const Log& baseLog, int fd)
+      : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
   using NetworkConnection::parseCommand;
 };
 

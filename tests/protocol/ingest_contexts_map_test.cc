@@ -24,7 +24,8 @@ using ::testing::IsEmpty;
 // A plain connection over a socketpair that is never registered: what the map sends stays queued.
 class PlainConnection : public NetworkConnection {
  public:
-  PlainConnection(const Log& baseLog, int fd) : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
+  PlainConnection(const Log& baseLog, int fd)
+      : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
 
   // The queued packets as "<id>:<payload>", consumed.
   std::vector<std::string> takeSent() {

@@ -23,7 +23,8 @@ using ::testing::ElementsAre;
 // A plain connection over one end of a socketpair, with its queued bytes visible.
 class PlainConnection : public NetworkConnection {
  public:
-  PlainConnection(const Log& baseLog, int fd) : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
+  PlainConnection(const Log& baseLog, int fd)
+      : NetworkConnection(baseLog, ConnectionInfo(), fd, false) {}
   using NetworkConnection::parseCommand;
   std::string queued() const {
     return sendBuffer ? std::string(reinterpret_cast<const char*>(sendRead), sendWrite - sendRead)
@@ -205,7 +206,8 @@ TEST_F(CommandParsing, TruncatedFieldFailsTheConnectionAndIsNotDispatched) {
 
 TEST_F(CommandParsing, OnlyTheIncomingIngestCommandsHaveACase) {
   const std::string payload = le32(0) + le32(0) + le32(0) + le32(0) + "tail";
-  for (uint16_t id : std::initializer_list<uint16_t>{2, 4, 49, 5, 63, 64, 65535}) EXPECT_FALSE(parse(id, payload)) << id;
+  for (uint16_t id : std::initializer_list<uint16_t>{2, 4, 49, 5, 63, 64, 65535})
+    EXPECT_FALSE(parse(id, payload)) << id;
   EXPECT_EQ(out.str(), "");
   EXPECT_TRUE(seen.empty());
   // Trailing bytes behind the last field are the peer's business.

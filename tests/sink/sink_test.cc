@@ -12,8 +12,8 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <initializer_list>
 #include <cstring>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <sstream>

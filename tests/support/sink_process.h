@@ -17,9 +17,10 @@ inline void startSinkProcess(const std::string& sinkBinary, const TempDir& dir,
                              const std::vector<std::string>& flags,
                              std::unique_ptr<ChildProcess>& sink, std::string& port) {
   std::vector<std::string> argv = {sinkBinary, "--listen", "127.0.0.1:0", "--print-port",
-                                   "--format", "raw", "--out", dir.file("received")};
+                                   "--format", "raw",      "--out",       dir.file("received")};
   argv.insert(argv.end(), flags.begin(), flags.end());
-  sink = std::make_unique<ChildProcess>(argv, dir.file("sink.out"), dir.file("sink.err"), dir.path());
+  sink =
+      std::make_unique<ChildProcess>(argv, dir.file("sink.out"), dir.file("sink.err"), dir.path());
   std::smatch match;
   const std::regex portLine("(^|\n)([0-9]+)\n");
   ASSERT_TRUE(waitFor(
