@@ -49,9 +49,11 @@ bool offerBatch(EventQueue& events, const IngesterConnections& connections, Inge
     }
   }
   for (uint32_t n = 0; n < count; ++n) {
-    events.emplace_back(context, timestamp,
-                        std::string(reinterpret_cast<const char*>(batch[n].begin),
-                                    static_cast<size_t>(batch[n].end - batch[n].begin)));
+    LogEvent& queued = events.emplace_back();
+    queued.context = context;
+    queued.timestamp = timestamp;
+    queued.data.assign(reinterpret_cast<const char*>(batch[n].begin),
+                       static_cast<size_t>(batch[n].end - batch[n].begin));
   }
   drainEvents(events, connections, contexts);
   return true;
