@@ -48,13 +48,7 @@ bool offerBatch(EventQueue& events, const IngesterConnections& connections, Inge
       return false;
     }
   }
-  for (uint32_t n = 0; n < count; ++n) {
-    LogEvent& queued = events.emplace_back();
-    queued.context = context;
-    queued.timestamp = timestamp;
-    queued.data.assign(reinterpret_cast<const char*>(batch[n].begin),
-                       static_cast<size_t>(batch[n].end - batch[n].begin));
-  }
+  for (uint32_t n = 0; n < count; ++n) keepEvent(events, context, timestamp, batch[n]);
   drainEvents(events, connections, contexts);
   return true;
 }

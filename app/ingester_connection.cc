@@ -17,14 +17,7 @@ void IngesterConnection::sendEvents(uint32_t context, uint64_t timestamp,
   // Built in place, in the queue: each event costs one allocation and one copy of its bytes.
   std::vector<LogEvent>& batch = unacknowledged.emplace_back();
   batch.reserve(count);
-  for (uint32_t i = 0; i < count; ++i) {
-    // Filled where it lies: a temporary moved in costs a fifth of the loop.
-    LogEvent& kept = batch.emplace_back();
-    kept.context = context;
-    kept.timestamp = timestamp;
-    kept.data.assign(reinterpret_cast<const char*>(events[i].begin),
-                     static_cast<size_t>(events[i].end - events[i].begin));
-  }
+  for (uint32_t i = 0; i < count; ++i) keepEvent(batch, context, timestamp, events[i]);
 }
 
 void IngesterConnection::sendEvent(const LogEvent& event) {

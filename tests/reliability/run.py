@@ -366,14 +366,22 @@ def steady_stream(ctx):
     return [make_row("1a steady stream (file)", report, agent, ok, notes)]
 
 
+def tail_job(ctx, filename, token, sink_flags=(), suffix="", wait=True):
+    """An empty file, a sink with `sink_flags` and a `tail` agent of it, waited for unless told
+    otherwise. `suffix` keeps apart the logs of several jobs of one scenario."""
+    source = ctx.path(filename)
+    open(source, "wb").close()
+    sink = Sink(ctx, sink_flags, name="sink" + suffix)
+    agent = Agent(ctx, ["tail", source, token, "to", sink.target()], name="agent" + suffix)
+    if wait:
+        agent.wait_running()
+    return source, sink, agent
+
+
 def steady_tail(ctx):
     rate, seconds = 20_000, (10 if ctx.short else 60)
     lines = rate * seconds
-    source = ctx.path("input.log")
-    open(source, "wb").close()
-    sink = Sink(ctx)
-    agent = Agent(ctx, ["tail", source, "tok-2", "to", sink.target()])
-    agent.wait_running()
+    source, sink, agent = tail_job(ctx, "input.log", "tok-2")
     Generator(ctx, source, lines, rate).wait(seconds * 3 + 30)
     wait_delivered(lambda: sink.outputs, lines, 60)
     alive = agent.alive()
@@ -446,12 +454,10 @@ def _stall_live(ctx):
     rate = 10_000
     before, stall, after = 5, (15 if ctx.short else 60), (10 if ctx.short else 20)
     lines = rate * (before + stall + after)
-    source = ctx.path("input.log")
-    open(source, "wb").close()
-    sink = Sink(ctx, ["--stall-after", str(rate * before // 300), "--stall-seconds", str(stall),
-                      "--faulty-connections", "1"])
-    agent = Agent(ctx, ["tail", source, "tok-4", "to", sink.target()])
-    agent.wait_running()
+    source, sink, agent = tail_job(
+        ctx, "input.log", "tok-4",
+        sink_flags=["--stall-after", str(rate * before // 300), "--stall-seconds", str(stall),
+                    "--faulty-connections", "1"])
     gen = Generator(ctx, source, lines, rate)
     err = sink.runs[-1][2]
     if not wait_for(lambda: b"Stalling the connection" in read(err), before + 20):
@@ -483,12 +489,10 @@ def _stall_quiet(ctx):
     # beyond one read slice (1 MiB) waits for the next write: only inotify wakes a tail source.
     rate, stall = 10_000, (15 if ctx.short else 60)
     lines = rate * (stall // 2)
-    source = ctx.path("quiet.log")
-    open(source, "wb").close()
-    sink = Sink(ctx, ["--stall-after", "1", "--stall-seconds", str(stall),
-                      "--faulty-connections", "1"], name="sink-quiet")
-    agent = Agent(ctx, ["tail", source, "tok-9", "to", sink.target()], name="agent-quiet")
-    agent.wait_running()
+    source, sink, agent = tail_job(
+        ctx, "quiet.log", "tok-9", suffix="-quiet",
+        sink_flags=["--stall-after", "1", "--stall-seconds", str(stall),
+                    "--faulty-connections", "1"])
     gen = Generator(ctx, source, lines, rate, name="gen-quiet")
     err = sink.runs[-1][2]
     gen.wait(stall + 60)
@@ -534,11 +538,7 @@ def _rotation_kept(ctx):
     # The moved file is drained for 30 s and the path reopened on the next 5-second tick.
     seconds = every * count + 42
     lines = rate * seconds
-    source = ctx.path("rotated.log")
-    open(source, "wb").close()
-    sink = Sink(ctx, name="sink-rot")
-    agent = Agent(ctx, ["tail", source, "tok-5", "to", sink.target()], name="agent-rot")
-    agent.wait_running()
+    source, sink, agent = tail_job(ctx, "rotated.log", "tok-5", suffix="-rot")
     Generator(ctx, source, lines, rate, name="gen-rot",
               extra=["--rotate-every", str(every), "--rotations", str(count)]).wait(seconds + 120)
     wait_delivered(lambda: sink.outputs, lines, 60)
@@ -559,11 +559,7 @@ def _rotation_too_fast(ctx):
     rate, every = 2_000, 10
     seconds = 2 * every + 42
     lines = rate * seconds
-    source = ctx.path("hurried.log")
-    open(source, "wb").close()
-    sink = Sink(ctx, name="sink-fast")
-    agent = Agent(ctx, ["tail", source, "tok-10", "to", sink.target()], name="agent-fast")
-    agent.wait_running()
+    source, sink, agent = tail_job(ctx, "hurried.log", "tok-10", suffix="-fast")
     Generator(ctx, source, lines, rate, name="gen-fast",
               extra=["--rotate-every", str(every), "--rotations", "2"]).wait(seconds + 120)
     with open(source + ".2", "rb") as skipped:
@@ -585,11 +581,7 @@ def _rotation_deleted(ctx):
     # A moved file deleted before the reopen: the kernel drops the watch, and the removal at the
     # reopen fails, which ends the agent on an assertion.
     rate = 1_000
-    source = ctx.path("deleted.log")
-    open(source, "wb").close()
-    sink = Sink(ctx, name="sink-del")
-    agent = Agent(ctx, ["tail", source, "tok-6", "to", sink.target()], name="agent-del")
-    agent.wait_running()
+    source, sink, agent = tail_job(ctx, "deleted.log", "tok-6", suffix="-del")
     gen = Generator(ctx, source, rate * 45, rate, name="gen-del",
                     extra=["--rotate-every", "3", "--rotations", "1"])
     wait_for(lambda: os.path.exists(source + ".1"), 20)
@@ -619,11 +611,7 @@ def logrotate_rotation(ctx):
     # Writing goes on a little past the last move; its file is read from the reopen on.
     seconds = first + every * (count - 1) + 5
     lines = rate * seconds
-    source = ctx.path("app.log")
-    open(source, "wb").close()
-    sink = Sink(ctx)
-    agent = Agent(ctx, ["tail", source, "tok-11", "to", sink.target()])
-    agent.wait_running()
+    source, sink, agent = tail_job(ctx, "app.log", "tok-11")
     gen = Generator(ctx, source, lines, rate, extra=["--reopen-on-hup"])
     config = _adapt_logrotate_example(ctx, source, gen.process.pid)
     state = ctx.path("logrotate.state")
@@ -826,14 +814,11 @@ def hostile_endpoint(ctx):
 def _hostile_case(ctx, name, flags, faulty):
     rate, seconds = (2_000, 10) if ctx.short else (10_000, 25)
     lines = rate * seconds
-    source = ctx.path(name + ".log")
-    open(source, "wb").close()
-    sink = Sink(ctx, flags + ["--faulty-connections", str(faulty)], name="sink-" + name)
-    agent = Agent(ctx, ["tail", source, "tok-8", "to", sink.target()], name="agent-" + name)
     # An unknown context ends the agent at its first answer, which a quick endpoint gives before
     # the harness has seen the agent run.
-    if name != "unknown-context":
-        agent.wait_running()
+    source, sink, agent = tail_job(ctx, name + ".log", "tok-8", suffix="-" + name,
+                                   sink_flags=flags + ["--faulty-connections", str(faulty)],
+                                   wait=name != "unknown-context")
     gen = Generator(ctx, source, lines, rate, name="gen-" + name)
     label = "7 hostile %s (first %d)" % (name, faulty)
     if name == "unknown-context":

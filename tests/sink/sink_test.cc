@@ -501,6 +501,16 @@ std::string numberedEvent(uint64_t index, size_t size) {
   return event + "\n";
 }
 
+// Sends batches `from` to `to` (not included) of `perBatch` numbered events of `size` bytes.
+void sendNumberedBatches(TestClient& client, uint64_t from, uint64_t to, size_t perBatch,
+                         size_t size) {
+  for (uint64_t batch = from; batch < to; ++batch) {
+    std::vector<std::string> events;
+    for (size_t i = 0; i < perBatch; ++i) events.push_back(numberedEvent(batch * perBatch + i, size));
+    client.sendBatch(0, batch, events);
+  }
+}
+
 // Checks that `output` holds JSON lines of events 0, 1, ... in order, `perBatch` to a batch
 // numbered from 0, and returns how many.
 size_t checkNumberedLines(const std::string& output, size_t perBatch) {
@@ -524,24 +534,13 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
   auto sink = startSink({"--out", fifo.path});
   auto client = connect();
   negotiate(*client, "t", 0, 1);
-  uint64_t sent = 0;
-  auto sendUpTo = [&](uint64_t batches) {
-    for (; sent < batches; ++sent) {
-      std::vector<std::string> events;
-      for (size_t i = 0; i < PER_BATCH; ++i) {
-        events.push_back(numberedEvent(sent * PER_BATCH + i, EVENT_SIZE));
-      }
-      client->sendBatch(0, sent, events);
-    }
-  };
-
   // Nobody reads the output, yet a registration behind 256 KiB of batches gets its answer.
-  sendUpTo(FIRST);
+  sendNumberedBatches(*client, 0, FIRST, PER_BATCH, EVENT_SIZE);
   roundTrip(*client);
 
   // Far more than the queue and the socket buffers take: the sink stops reading, and the agent's
   // bytes wait on its side, not in the sink's memory.
-  sendUpTo(TOTAL);
+  sendNumberedBatches(*client, FIRST, TOTAL, PER_BATCH, EVENT_SIZE);
   run([] { return false; }, 2s);
   EXPECT_GT(client->con.usedSendBuffer(), 0u);
   EXPECT_LT(sink->peakRssKib(), 48 * 1024);  // a sixth of what was sent is ample
@@ -572,13 +571,7 @@ TEST_F(SinkTest, BatchesHeldForTheOutputAreWrittenAfterTheirPeerClosed) {
   auto sink = startSink({"--out", fifo.path});
   auto client = connect();
   negotiate(*client, "t", 0, 0);
-  for (uint64_t batch = 0; batch < TOTAL; ++batch) {
-    std::vector<std::string> events;
-    for (size_t i = 0; i < PER_BATCH; ++i) {
-      events.push_back(numberedEvent(batch * PER_BATCH + i, EVENT_SIZE));
-    }
-    client->sendBatch(0, batch, events);
-  }
+  sendNumberedBatches(*client, 0, TOTAL, PER_BATCH, EVENT_SIZE);
   client->con.finish();
   // The output is read only from here on; the close may have come while batches were held.
   ASSERT_TRUE(run(
