@@ -4,6 +4,7 @@
 #
 # Usage: scripts/fuzz.sh [seconds]   run each target that long (default 600)
 #        scripts/fuzz.sh --smoke     a few seconds each, from the committed corpus (for CI)
+#        scripts/fuzz.sh --build-only
 #
 # Inputs found while fuzzing go to build/fuzz/corpus/<target>; the committed seeds in
 # fuzz/corpus/<target> are read, never written. Crashing inputs land in build/fuzz/findings/.
@@ -15,7 +16,10 @@ root=$PWD
 
 seconds=600
 smoke=false
-if [ "${1:-}" = "--smoke" ]; then
+build_only=false
+if [ "${1:-}" = "--build-only" ]; then
+  build_only=true
+elif [ "${1:-}" = "--smoke" ]; then
   smoke=true
   seconds=5
 elif [ -n "${1:-}" ]; then
@@ -29,6 +33,7 @@ cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDe
   -DDROVER_SANITIZE=fuzzer-no-link,address,undefined \
   -DCMAKE_CXX_FLAGS="-Wno-unknown-warning-option" >/dev/null
 cmake --build "$build" -j2 --target "${targets[@]/#/fuzz_}"
+$build_only && exit 0
 
 export ASAN_OPTIONS="detect_leaks=1:detect_stack_use_after_return=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"

@@ -2,17 +2,25 @@
 # Runs the test suites under the sanitizers, with g++: AddressSanitizer with UndefinedBehavior-
 # Sanitizer over every suite (build/asan), ThreadSanitizer over the suites that start threads
 # (build/tsan). Any report fails its test, and with it this script.
-# Usage: scripts/sanitize.sh [asan] [tsan]   (default: both)
+# Usage: scripts/sanitize.sh [--build-only] [asan] [tsan]   (default: both)
+#   --build-only  configure and build, run nothing (scripts/test.sh builds ahead this way)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+build_only=false
+if [ "${1:-}" = "--build-only" ]; then
+  build_only=true
+  shift
+fi
 runs=("$@")
 ((${#runs[@]})) || runs=(asan tsan)
 jobs=2
 # Warnings are the normal build's matter (scripts/test.sh builds with -Werror): the sanitizers
 # change inlining, and g++ 12 then warns falsely (maybe-uninitialized inside <regex>).
+# -O1 -g1: what the sanitizers' authors advise, and a third less compile time than -O2 -g (a test
+# file with its mocks took 30 s instead of 46 s); line tables are all a report's stack needs.
 common=(-DCMAKE_CXX_COMPILER=g++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDROVER_WERROR=OFF
-        -DDROVER_BENCHMARKS=OFF -DDROVER_FUZZ=OFF)
+        -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DDROVER_BENCHMARKS=OFF -DDROVER_FUZZ=OFF)
 
 # Options, and why:
 #  ASan: leaks are reports like any other; a process that dies through an assertion (death tests,
@@ -47,6 +55,7 @@ for run in "${runs[@]}"; do
     asan)
       cmake -S . -B build/asan "${common[@]}" -DDROVER_SANITIZE=address,undefined >/dev/null
       cmake --build build/asan -j"$jobs"
+      $build_only && continue
       dir=$(reports asan)
       rm -rf "$dir" && mkdir -p "$dir"
       # The memory bound of the stalled-endpoint test measures the plain program; ASan's shadow
@@ -66,6 +75,7 @@ for run in "${runs[@]}"; do
       # left to the ASan run: they fork, which TSan doesn't support once threads exist.
       cmake -S . -B build/tsan "${common[@]}" -DDROVER_SANITIZE=thread >/dev/null
       cmake --build build/tsan -j"$jobs" --target support_tests app_tests sink_tests drover drover-sink
+      $build_only && continue
       dir=$(reports tsan)
       rm -rf "$dir" && mkdir -p "$dir"
       TSAN_OPTIONS="$tsan_options:log_path=$dir/tsan" \
