@@ -83,6 +83,9 @@ void NetworkConnection::Initialize(const Log& baseLog, bool server, bool keepLib
     reportFatal(log, "Could not set SSL operation mode: ");
     assert(false);
   }
+  // Without read-ahead OpenSSL reads each record in two system calls, header and body; with it
+  // one read takes whatever has arrived. The read loops still run until OpenSSL wants more.
+  SSL_CTX_set_read_ahead(sslCtx, 1);
   if (server) {
     if (SSL_CTX_use_certificate_chain_file(sslCtx, "brindlewood.crt") != 1) {
       reportFatal(log, "Could not load server certificate: ");
