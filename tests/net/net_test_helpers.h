@@ -40,6 +40,7 @@ class TestConnection : public NetworkConnection {
   using NetworkConnection::sendRead;
   using NetworkConnection::sendWrite;
   using NetworkConnection::socket;
+  using NetworkConnection::ssl;
   using NetworkConnection::startConnect;
   using NetworkConnection::state;
 
