@@ -378,16 +378,23 @@ def tail_job(ctx, filename, token, sink_flags=(), suffix="", wait=True):
     return source, sink, agent
 
 
+def end_tail_job(sink, agent, token, lines, limit, delivered=None):
+    """Waits until `delivered` lines (all `lines` by default) have arrived, stops the agent with
+    SIGINT and then the sink, and checks the output against `lines` lines of `token`. Returns
+    whether the agent was still alive, its exit status and the checker's report."""
+    wait_delivered(lambda: sink.outputs, lines if delivered is None else delivered, limit)
+    alive = agent.alive()
+    status = agent.interrupt()
+    sink.stop()
+    return alive, status, checker.check(sink.outputs, {1: (token, lines)})
+
+
 def steady_tail(ctx):
     rate, seconds = 20_000, (10 if ctx.short else 60)
     lines = rate * seconds
     source, sink, agent = tail_job(ctx, "input.log", "tok-2")
     Generator(ctx, source, lines, rate).wait(seconds * 3 + 30)
-    wait_delivered(lambda: sink.outputs, lines, 60)
-    alive = agent.alive()
-    status = agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-2", lines)})
+    alive, status, report = end_tail_job(sink, agent, "tok-2", lines, 60)
     total = checker.totals(report)
     ok = alive and total["duplicated"] == 0 and total["reordered"] == 0
     return [make_row("1b steady tail %d/s" % rate, report, agent, ok,
@@ -468,14 +475,10 @@ def _stall_live(ctx):
         raise Failure("the sink never resumed")
     resumed_at = time.monotonic() - agent.started
     gen.wait(stall + before + after + 120)
-    wait_delivered(lambda: sink.outputs, lines, 120)
-    alive = agent.alive()
+    alive, _, report = end_tail_job(sink, agent, "tok-4", lines, 120)
     # Counters come every 10 s; what counts is a rise while the sink did not read.
     full_start = agent.counter_at("bufferFull", stalled_at + 1)
     full_end = agent.counter_at("bufferFull", resumed_at)
-    agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-4", lines)})
     bound_kb = 256 * 1024
     ok = alive and full_end > full_start and agent.peak_kb < bound_kb
     notes = ("stall %d s; bufferFull %d -> %d during it; RSS %d kB before, peak %d kB "
@@ -509,11 +512,7 @@ def _stall_quiet(ctx):
             f.write(generator.line(1, lines + nudges, time.time_ns()))
         nudges += 1
         time.sleep(0.2)
-    wait_delivered(lambda: sink.outputs, lines + nudges, 30)
-    alive = agent.alive()
-    agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-9", lines + nudges)})
+    alive, _, report = end_tail_job(sink, agent, "tok-9", lines + nudges, 30)
     stuck = lines - min(before_nudge, lines)
     size = os.path.getsize(source)
     notes = ("after the endpoint resumed, %d of %d lines (%.1f of %.1f MB) waited in the file "
@@ -541,11 +540,7 @@ def _rotation_kept(ctx):
     source, sink, agent = tail_job(ctx, "rotated.log", "tok-5", suffix="-rot")
     Generator(ctx, source, lines, rate, name="gen-rot",
               extra=["--rotate-every", str(every), "--rotations", str(count)]).wait(seconds + 120)
-    wait_delivered(lambda: sink.outputs, lines, 60)
-    alive = agent.alive()
-    agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-5", lines)})
+    alive, _, report = end_tail_job(sink, agent, "tok-5", lines, 60)
     total = checker.totals(report)
     reopened = agent.count("Reopening log file.")
     ok = alive and reopened == count and total["duplicated"] == 0
@@ -564,11 +559,8 @@ def _rotation_too_fast(ctx):
               extra=["--rotate-every", str(every), "--rotations", "2"]).wait(seconds + 120)
     with open(source + ".2", "rb") as skipped:
         skipped_lines = skipped.read().count(b"\n")
-    wait_delivered(lambda: sink.outputs, lines - skipped_lines, 60)
-    alive = agent.alive()
-    agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-10", lines)})
+    alive, _, report = end_tail_job(sink, agent, "tok-10", lines, 60,
+                                    delivered=lines - skipped_lines)
     lost = checker.totals(report)["lost"]
     row = make_row("4c two moves %d s apart" % every, report, agent, alive,
                    "lost by design: the second file (%d lines) was never opened; %s" % (
@@ -625,11 +617,7 @@ def logrotate_rotation(ctx):
         rotated += 1
     summary = gen.wait(seconds + 60)
     # The last move's new file comes in at the reopen, 30 to 35 s after that move.
-    wait_delivered(lambda: sink.outputs, lines, 60)
-    alive = agent.alive()
-    status = agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-11", lines)})
+    alive, status, report = end_tail_job(sink, agent, "tok-11", lines, 60)
     total = checker.totals(report)
     reopened = agent.count("Reopening log file.")
     kept = sorted(name for name in os.listdir(ctx.dir) if name.startswith("app.log."))
@@ -834,11 +822,7 @@ def _hostile_case(ctx, name, flags, faulty):
             status, ", uncaught std::out_of_range" if named else ", NOT as named: %r" % err[-200:]))
     gen.wait(seconds * 3 + 60)
     # Each faulty connection costs up to one five-second check before it is replaced.
-    wait_delivered(lambda: sink.outputs, lines, 5 * faulty + 40)
-    alive = agent.alive()
-    agent.interrupt()
-    sink.stop()
-    report = checker.check(sink.outputs, {1: ("tok-8", lines)})
+    alive, _, report = end_tail_job(sink, agent, "tok-8", lines, 5 * faulty + 40)
     connects = agent.last_counter("networkConnects")
     notes = "alive: %s; connections made %d; sink saw %d; agent CPU %.0f s" % (
         alive, connects, _sink_connections(sink), agent.cpu_seconds)
