@@ -219,6 +219,8 @@ void SinkConnection::armFaults() {
 }
 
 void SinkConnection::applyFaults() {
+  // The peer may have closed first: a fault must not revive a connection that has ended.
+  if (isDead()) return;
   // A due stall stops the parsing and the reading at once, so what the agent has in flight is
   // what the kernel's buffers hold; the connection leaves the loop only once the
   // acknowledgements of the batches before it went out, which it could not send off the loop.

@@ -77,6 +77,7 @@ void SinkServer::outputProgressed() {
 Log SinkServer::totals(uint64_t eventsPerSecond) const {
   const SinkStats& stats = shared.stats;
   return log.with("connections", stats.connections)
+      .with("open_connections", connections.size())
       .with("batches", stats.batches)
       .with("events", stats.events)
       .with("bytes", stats.bytes)

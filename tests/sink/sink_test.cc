@@ -347,6 +347,21 @@ TEST_F(SinkTest, CloseAfterClosesInOrderAndAbruptlyWithoutTlsClose) {
   }
 }
 
+// The peer's own close comes before the injected one, as at the end of a stream run.
+TEST_F(SinkTest, ConnectionsThatCloseFirstAreFreedDespiteADueClose) {
+  auto sink = startSink({"--close-after", "3", "--report-interval", "0.1"});
+  for (int i = 0; i < 3; ++i) {
+    auto client = connect();
+    negotiate(*client, "t", 0, 1);
+    for (uint64_t batch = 0; batch < 3; ++batch) client->sendBatch(0, batch, {"x\n"});
+    client->con.finish();
+    ASSERT_TRUE(run([&] { return client->finished || client->failed; }));
+  }
+  EXPECT_TRUE(sink->errGets("\"open_connections\":\"0\""));
+  EXPECT_EQ(sink->terminate(), 0);
+  EXPECT_THAT(sink->err(), Not(HasSubstr("Could not close socket")));
+}
+
 TEST_F(SinkTest, NoAckWritesEventsButNeverAcknowledges) {
   auto sink = startSink({"--no-ack"});
   auto client = connect();
