@@ -27,8 +27,9 @@ namespace {
 
 constexpr uint64_t SECOND = 1000000000;
 
-// The reader's buffer holds 65526 bytes less the prepended text, so a longer text leaves no room.
-constexpr size_t MAXIMUM_PREPEND_LENGTH = 65525;
+// The reader's buffer holds 65526 bytes less the prepended text, and it reads 512 bytes or more
+// at a time: a longer text leaves a buffer that is never read into.
+constexpr size_t MAXIMUM_PREPEND_LENGTH = 65526 - 512;
 
 void printForwardUsage() {
   std::cerr << "Usage: drover forward [<source spec> ...] [to <connection>]" << std::endl
