@@ -6,18 +6,23 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 namespace {
 
 constexpr char CERTIFICATE_FILE[] = "brindlewood.crt";
 constexpr char KEY_FILE[] = "brindlewood.key";
+// Long enough for a sink started at the same moment to write and link its pair.
+constexpr auto PAIR_WAIT = std::chrono::seconds(2);
 constexpr long TEN_YEARS_SECONDS = 10L * 365 * 24 * 60 * 60 + 3 * 24 * 60 * 60;
 
 template <typename T, void (*Free)(T*)>
@@ -57,65 +62,105 @@ X509Ptr makeCertificate(EVP_PKEY* key) {
   return cert;
 }
 
-// Creates `path` exclusively with `mode` and lets `writePem` fill it; false if any step fails.
+// A file of `mode` beside `path`, with a name of its own, filled by `writePem`; its name, or an
+// empty string after an ERROR line. Nobody else sees it before it is linked into place.
 template <typename WritePem>
-bool writeNewFile(const Log& log, const char* path, mode_t mode, WritePem writePem) {
-  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+std::string writeAside(const Log& log, const char* path, mode_t mode, WritePem writePem) {
+  std::string aside = std::string(path) + ".XXXXXX";
+  const int fd = mkostemp(aside.data(), O_CLOEXEC);
   if (fd == -1) {
     const int savedErrno = errno;
-    error(log) << "Could not create " << path << ": " << strerror(savedErrno) << std::endl;
-    return false;
+    error(log) << "Could not create a file beside " << path << ": " << strerror(savedErrno)
+               << std::endl;
+    return {};
   }
-  FILE* file = fdopen(fd, "w");
+  FILE* file = fchmod(fd, mode) == 0 ? fdopen(fd, "w") : nullptr;
   if (!file) {
     const int savedErrno = errno;
-    error(log) << "Could not open " << path << ": " << strerror(savedErrno) << std::endl;
+    error(log) << "Could not open " << aside << ": " << strerror(savedErrno) << std::endl;
     close(fd);
-    return false;
+    unlink(aside.c_str());
+    return {};
   }
   const bool written = writePem(file) == 1;
   const bool closed = fclose(file) == 0;
   if (!written || !closed) {
-    error(log) << "Could not write " << path << ": " << sslErrorText() << std::endl;
-    return false;
+    error(log) << "Could not write " << aside << ": " << sslErrorText() << std::endl;
+    unlink(aside.c_str());
+    return {};
   }
-  return true;
+  return aside;
+}
+
+enum class Made { PAIR, LOST_RACE, FAILED };
+
+// Makes a pair aside and links it into place, the key first: the key's link decides between
+// sinks started together, and whoever sees the key alone knows the certificate is coming.
+Made makePair(const Log& log) {
+  PkeyPtr key(EVP_EC_gen("P-256"));
+  if (!key) {
+    error(log) << "Could not make a key: " << sslErrorText() << std::endl;
+    return Made::FAILED;
+  }
+  X509Ptr cert = makeCertificate(key.get());
+  if (!cert) {
+    error(log) << "Could not make a certificate: " << sslErrorText() << std::endl;
+    return Made::FAILED;
+  }
+  const std::string keyAside = writeAside(log, KEY_FILE, 0600, [&](FILE* file) {
+    return PEM_write_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+  });
+  if (keyAside.empty()) return Made::FAILED;
+  const std::string certAside = writeAside(log, CERTIFICATE_FILE, 0644,
+                                           [&](FILE* file) { return PEM_write_X509(file, cert.get()); });
+  if (certAside.empty()) {
+    unlink(keyAside.c_str());
+    return Made::FAILED;
+  }
+  Made made = Made::PAIR;
+  if (link(keyAside.c_str(), KEY_FILE) == -1) {
+    const int savedErrno = errno;
+    if (savedErrno == EEXIST) {
+      made = Made::LOST_RACE;
+    } else {
+      error(log) << "Could not create " << KEY_FILE << ": " << strerror(savedErrno) << std::endl;
+      made = Made::FAILED;
+    }
+  } else if (link(certAside.c_str(), CERTIFICATE_FILE) == -1) {
+    const int savedErrno = errno;
+    error(log) << "Could not create " << CERTIFICATE_FILE << ": " << strerror(savedErrno)
+               << std::endl;
+    unlink(KEY_FILE);
+    made = Made::FAILED;
+  }
+  unlink(keyAside.c_str());
+  unlink(certAside.c_str());
+  return made;
 }
 
 }  // namespace
 
 bool ensureCertificate(const Log& log) {
-  const bool haveCertificate = exists(CERTIFICATE_FILE);
-  const bool haveKey = exists(KEY_FILE);
-  if (haveCertificate && haveKey) return true;
-  if (haveCertificate || haveKey) {
-    error(log) << "Only one of " << CERTIFICATE_FILE << " and " << KEY_FILE
-               << " exists; not replacing it" << std::endl;
-    return false;
+  // A sink started beside this one may be between linking its key and its certificate.
+  const auto deadline = std::chrono::steady_clock::now() + PAIR_WAIT;
+  while (true) {
+    const bool haveCertificate = exists(CERTIFICATE_FILE);
+    const bool haveKey = exists(KEY_FILE);
+    if (haveCertificate && haveKey) return true;
+    if (!haveCertificate && !haveKey) {
+      const Made made = makePair(log);
+      if (made == Made::FAILED) return false;
+      if (made == Made::PAIR) {
+        info(log) << "Made a self-signed certificate and key in " << CERTIFICATE_FILE << " and "
+                  << KEY_FILE << std::endl;
+        return true;
+      }
+    } else if (std::chrono::steady_clock::now() >= deadline) {
+      error(log) << "Only one of " << CERTIFICATE_FILE << " and " << KEY_FILE
+                 << " exists; not replacing it" << std::endl;
+      return false;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
-
-  PkeyPtr key(EVP_EC_gen("P-256"));
-  if (!key) {
-    error(log) << "Could not make a key: " << sslErrorText() << std::endl;
-    return false;
-  }
-  X509Ptr cert = makeCertificate(key.get());
-  if (!cert) {
-    error(log) << "Could not make a certificate: " << sslErrorText() << std::endl;
-    return false;
-  }
-  // The key first and readable by its owner only; a certificate without its key is useless.
-  if (!writeNewFile(log, KEY_FILE, 0600, [&](FILE* file) {
-        return PEM_write_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-      })) {
-    return false;
-  }
-  if (!writeNewFile(log, CERTIFICATE_FILE, 0644,
-                    [&](FILE* file) { return PEM_write_X509(file, cert.get()); })) {
-    unlink(KEY_FILE);
-    return false;
-  }
-  info(log) << "Made a self-signed certificate and key in " << CERTIFICATE_FILE << " and "
-            << KEY_FILE << std::endl;
-  return true;
 }
