@@ -77,6 +77,10 @@ echo "systemd-analyze verify drover@check.service: clean"
 # (status 1 at a refused start, an abort) is worth a restart.
 grep -qx KillSignal=SIGINT "$unit" || fail "the unit does not stop the agent with SIGINT"
 grep -qx Restart=on-failure "$unit" || fail "the unit does not restart the agent on failure"
+# A full-speed agent logs about 6,000 lines a second; none of them may be dropped by journald.
+burst=$(sed -n 's/^LogRateLimitBurst=//p' "$unit")
+grep -qx LogRateLimitIntervalSec=30s "$unit" && ((${burst:-0} >= 180000)) ||
+  fail "the journal's rate limit would drop the lines of an agent at full speed"
 systemd-analyze security --offline=yes --root="$root" drover@check.service 2>/dev/null |
   grep "Overall exposure" || true
 
