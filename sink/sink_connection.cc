@@ -2,6 +2,7 @@
 
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -68,6 +69,19 @@ SinkConnection::SinkConnection(const Log& baseLog, const ConnectionInfo& info, i
 SinkConnection::~SinkConnection() {
   // Gives OpenSSL its socket BIO back, so that it frees what it owns and nothing else.
   restartSocketReads();
+}
+
+void SinkConnection::descriptorAvailable(int events) {
+  // A hold stays registered to send the acknowledgements before it, while the peer's bytes keep
+  // the socket readable and OpenSSL's reads are stopped: every wake-up would find nothing and ask
+  // for more at once. An error or hang-up lets OpenSSL see the socket again, to end it.
+  const bool ended = (events & (EPOLLERR | EPOLLHUP)) != 0;
+  if ((stallHolding || outputHolding) && usedSendBuffer() == 0 && !ended && !isDead()) {
+    shared.loop.setEpollListener(socket, 0, this);
+    return;
+  }
+  if (ended) restartSocketReads();
+  NetworkConnection::descriptorAvailable(events);
 }
 
 void SinkConnection::parseRecvBuffer() {

@@ -47,6 +47,8 @@ class SinkConnection : public NetworkConnection {
                  SinkShared& shared);
   ~SinkConnection() override;
 
+  /// Waits for nothing but the socket's end while a hold has nothing to send.
+  void descriptorAvailable(int events) override;
   /// Base parse, whose batches go to the output queue, then carry out the faults that became due.
   /// Parses nothing while a stall or a full output queue holds the connection.
   void parseRecvBuffer() override;

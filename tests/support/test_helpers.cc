@@ -182,13 +182,26 @@ bool ChildProcess::wait(std::chrono::milliseconds limit) {
   }
 }
 
-long ChildProcess::peakRssKib() const {
+long ChildProcess::memoryKib(const std::string& field) const {
   std::ifstream status("/proc/" + std::to_string(child) + "/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+    if (line.rfind(field + ":", 0) == 0) return std::stol(line.substr(field.size() + 1));
   }
   return 0;
+}
+
+double ChildProcess::cpuSeconds() const {
+  std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  // utime and stime are the 12th and 13th fields after the command name, which may hold blanks.
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  std::string field;
+  unsigned long long ticks = 0;
+  for (int i = 0; i < 13 && fields >> field; ++i) {
+    if (i >= 11) ticks += std::stoull(field);
+  }
+  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {

@@ -64,8 +64,11 @@ class ChildProcess {
   bool wait(std::chrono::milliseconds limit);
   int exitCode() const { return code; }
   int exitSignal() const { return terminatingSignal; }
-  /// Peak resident set size in KiB while running (VmHWM), 0 if it can't be read.
-  long peakRssKib() const;
+  /// A memory line of /proc/PID/status in KiB while running (VmHWM: the peak, VmRSS: now), 0 if
+  /// it can't be read.
+  long memoryKib(const std::string& field = "VmHWM") const;
+  /// User and system CPU seconds of all its threads so far.
+  double cpuSeconds() const;
 
  private:
   int child = -1;
