@@ -47,6 +47,7 @@ SinkConnection::SinkConnection(const Log& baseLog, const ConnectionInfo& info, i
     : NetworkConnection(baseLog, info, acceptedSocket, true),
       shared(sinkShared),
       number(connectionNumber),
+      acceptedNanos(monotonicNanos()),
       faults(!sinkShared.options.faultyConnections ||
                      connectionNumber < *sinkShared.options.faultyConnections
                  ? sinkShared.options
@@ -324,6 +325,13 @@ void SinkConnection::resumeReading() {
   if (isDead()) return;
   info(log) << "Resuming the connection from " << connectionInfo << std::endl;
   updateReading();
+}
+
+void SinkConnection::expireHandshake(uint64_t now) {
+  if (state != SSL_ACCEPTING || now - acceptedNanos < shared.options.handshakeTimeoutNanos) return;
+  info(log) << "The TLS handshake of the connection from " << connectionInfo
+            << " did not finish in time, closing it" << std::endl;
+  failConnection();
 }
 
 bool SinkConnection::collectable() const {

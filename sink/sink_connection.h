@@ -66,6 +66,8 @@ class SinkConnection : public NetworkConnection {
   void configureContext(const CmdIngestConfig& cmd);
   void takeBatch(const CmdIngestLogEvents& cmd);
 
+  /// Fails the connection if its TLS handshake has run past the time-out at `now` (monotonic).
+  void expireHandshake(uint64_t now);
   /// FAILED or FINISHED, and no timer of this connection is pending.
   bool collectable() const;
 
@@ -101,6 +103,7 @@ class SinkConnection : public NetworkConnection {
 
   SinkShared& shared;
   const uint64_t number;
+  const uint64_t acceptedNanos;  // monotonic
   /// The fault flags in force on this connection: the command line's, or none at all.
   const SinkOptions& faults;
   std::unordered_map<uint32_t, Context> contexts;

@@ -11,6 +11,8 @@ namespace {
 
 // Level-triggered, so a longer backlog brings the loop back; this only bounds one wake-up.
 constexpr int ACCEPTS_PER_WAKEUP = 64;
+// How long accepting pauses when the process is out of descriptors.
+constexpr uint64_t RETRY_AFTER_LIMIT = 100'000'000ull;
 
 }  // namespace
 
@@ -33,6 +35,7 @@ SinkListener::SinkListener(const Log& parent, EventLoop& eventLoop, AcceptHandle
 
 SinkListener::~SinkListener() {
   if (socket == -1) return;
+  loop.removeInterval(&retryKey);
   loop.removeEpollListener(this);
   if (close(socket) == -1) {
     const int savedErrno = errno;
@@ -77,7 +80,25 @@ bool SinkListener::open(const sockaddr_storage& address, socklen_t length) {
   boundPort = ntohs(reinterpret_cast<const sockaddr_in&>(bound).sin_port);
   socket = fd;
   loop.setEpollListener(socket, EPOLLIN, this);
+  loop.addInterval(RETRY_AFTER_LIMIT, &retryKey, [this] { return resume(); });
   info(log) << "Listening on " << peerConnectionInfo(bound, boundLength) << std::endl;
+  return true;
+}
+
+void SinkListener::backOff(int savedErrno) {
+  if (!atLimit) {
+    error(log) << "Could not accept a connection: " << strerror(savedErrno)
+               << "; trying again every 100 ms" << std::endl;
+    atLimit = true;
+  }
+  backingOff = true;
+  loop.setEpollListener(socket, 0, this);
+}
+
+bool SinkListener::resume() {
+  if (!backingOff) return false;
+  backingOff = false;
+  loop.setEpollListener(socket, EPOLLIN, this);
   return true;
 }
 
@@ -96,10 +117,20 @@ void SinkListener::descriptorAvailable(int) {
         case ECONNABORTED:
         case EINTR:
           continue;
+        case EMFILE:
+        case ENFILE:
+        case ENOBUFS:
+        case ENOMEM:
+          backOff(savedErrno);
+          return;
         default:
           error(log) << "Could not accept a connection: " << strerror(savedErrno) << std::endl;
           return;
       }
+    }
+    if (atLimit) {
+      info(log) << "Accepting connections again" << std::endl;
+      atLimit = false;
     }
     onAccept(fd, peerConnectionInfo(peer, length));
   }

@@ -31,11 +31,20 @@ class SinkListener : public EpollListener {
   void descriptorAvailable(int events) override;
 
  private:
+  /// Out of descriptors or memory: stops listening for a moment. The listener is
+  /// level-triggered, so the waiting backlog would wake the loop again at once, over and over.
+  void backOff(int savedErrno);
+  /// Listens again after a back-off.
+  bool resume();
+
   Log log;
   EventLoop& loop;
   AcceptHandler onAccept;
   int socket = -1;
   uint16_t boundPort = 0;
+  bool backingOff = false;
+  bool atLimit = false;  // since the last accept that worked: says so once, not per retry
+  char retryKey = 0;
 };
 
 /// The peer of an accepted socket as a ConnectionInfo whose text is the numeric address.

@@ -148,6 +148,8 @@ std::variant<SinkOptions, UsageError> parseSinkOptions(int argc, char** argv) {
       uint64_t nanos = 0;
       failure = seconds(nanos, false);
       options.exitAfterIdleNanos = nanos;
+    } else if (flag == "--handshake-timeout") {
+      failure = seconds(options.handshakeTimeoutNanos, true);
     } else if (flag == "--refuse-token") {
       std::string text;
       failure = word(text);
@@ -207,6 +209,7 @@ void printSinkUsage(std::ostream& out) {
          "  --report-interval SECONDS   period of the intake report on standard error (10)\n"
          "  --exit-after-events N       exit 0 once N events were received and written\n"
          "  --exit-after-idle SECONDS   exit 0 after SECONDS without an event, from the first\n"
+         "  --handshake-timeout SECONDS close a connection whose TLS handshake takes longer (10)\n"
          "\n"
          "  Faults, each at most once per connection; N counts the connection's batches:\n"
          "  --refuse-token TOKEN        refuse the registration of TOKEN\n"

@@ -26,6 +26,8 @@ struct SinkOptions {
   uint64_t reportIntervalNanos = 10'000'000'000ull;
   std::optional<uint64_t> exitAfterEvents;
   std::optional<uint64_t> exitAfterIdleNanos;
+  /// A connection whose TLS handshake takes longer is closed: it holds a descriptor.
+  uint64_t handshakeTimeoutNanos = 10'000'000'000ull;
 
   // Faults. A count N means "once N batches of the connection have been taken"; stallAfter
   // counts the batches of all connections. Each fault happens at most once per connection.

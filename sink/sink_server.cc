@@ -103,6 +103,9 @@ void SinkServer::reportFinal() {
 }
 
 bool SinkServer::sweep() {
+  // A peer that never finishes its handshake would hold a descriptor for good.
+  const uint64_t now = monotonicNanos();
+  for (const auto& con : connections) con->expireHandshake(now);
   // Connections die here and only here: never inside one of their own callbacks.
   const auto dead = std::remove_if(connections.begin(), connections.end(),
                                    [](const auto& con) { return con->collectable(); });

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -434,6 +435,38 @@ TEST_F(SinkTest, HostileClientsEndOnlyTheirOwnConnection) {
   }
   EXPECT_TRUE(sink->errGets("Failed to parse incoming command: 4"));
   EXPECT_EQ(sink->terminate(), 0);
+}
+
+// Out of descriptors, the sink pauses accepting rather than spinning, says so once, and frees
+// the descriptors of handshakes that never finish.
+TEST_F(SinkTest, AtTheDescriptorLimitItBacksOffAndClosesStalledHandshakes) {
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit low = saved;
+  low.rlim_cur = 64;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  auto sink = startSink({"--handshake-timeout", "1"});
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  std::vector<int> idle;
+  for (int i = 0; i < 80; ++i) {
+    idle.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const ConnectionInfo info = loopbackInfo(port);
+    ASSERT_EQ(::connect(idle.back(), info.data.ai_addr, info.data.ai_addrlen), 0) << strerror(errno);
+  }
+  ASSERT_TRUE(sink->errGets("Too many open files; trying again every 100 ms"));
+  const double before = sink->process().cpuSeconds();
+  run([] { return false; }, 500ms);
+  EXPECT_LT(sink->process().cpuSeconds() - before, 0.15);
+
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  const std::vector<std::string> lines = splitLines(sink->err());
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) {
+                            return line.find("Too many open files") != std::string::npos;
+                          }),
+            1);
+  for (const int fd : idle) close(fd);
 }
 
 TEST_F(SinkTest, ExitsByItselfAfterEnoughEventsOrIdleTime) {
