@@ -127,6 +127,8 @@ class NetworkConnection : public EpollListener {
   /// The second stage after parseCommand, for commands of other programs: the agent's (in
   /// app/drover_stubs.cc) takes none; the sink overrides it with the parsers of its commands.
   virtual bool parseOtherCommand(uint16_t command, IncomingPacket& packet);
+  /// A received packet that announces more ends the connection (protocol/network_packet.cc).
+  virtual uint32_t maximumPacketLength() const;
 
   /// Recomputes what the connection waits for; with TLS this also writes queued data at once.
   /// Called after every completed outgoing packet.

@@ -171,6 +171,10 @@ ConnectionInfo NetworkConnection::IncomingPacket::readStructure() {
   return info ? *info : ConnectionInfo();
 }
 
+uint32_t NetworkConnection::maximumPacketLength() const {
+  return MAXIMUM_PACKET_LENGTH;
+}
+
 // The incoming packet loop: whole packets are cut out of the receive buffer and parsed where they
 // lie.
 void NetworkConnection::parseRecvBuffer() {
@@ -185,7 +189,7 @@ void NetworkConnection::parseRecvBuffer() {
       failConnection();
       return;
     }
-    if (length > MAXIMUM_PACKET_LENGTH) {
+    if (length > maximumPacketLength()) {
       error(log) << "Received package too large (" << length << "), terminating connection"
                  << std::endl;
       failConnection();

@@ -15,6 +15,9 @@ namespace {
 // every connection: parsing is synchronous on the main thread, so it is free again as soon as
 // the handler returns, and once grown it spares the steady state an allocation per packet.
 std::vector<EphemeralLogEvent> batchEvents;
+// An agent's batch has at most 256 events; a vector grown far beyond that for a packet of many
+// tiny events gives its memory back after it.
+constexpr size_t KEPT_BATCH_EVENTS = 4096;
 
 // `size` raw bytes in place, or an empty view and a failed packet if they run past its end.
 std::string_view readBytes(NetworkConnection::IncomingPacket& packet, size_t size) {
@@ -59,8 +62,10 @@ bool SinkConnection::parseOtherCommand(uint16_t command, IncomingPacket& packet)
         const auto* begin = reinterpret_cast<const uint8_t*>(bytes.data());
         batchEvents.push_back(EphemeralLogEvent{begin, begin + bytes.size()});
       }
-      return dispatch(*handler, packet,
-                      CmdIngestLogEvents{context, timestamp, batchEvents.data(), count});
+      const bool dispatched = dispatch(
+          *handler, packet, CmdIngestLogEvents{context, timestamp, batchEvents.data(), count});
+      if (batchEvents.capacity() > KEPT_BATCH_EVENTS) std::vector<EphemeralLogEvent>().swap(batchEvents);
+      return dispatched;
     }
     case CmdIngestConfig::ID: {
       CmdIngestConfig cmd{packet.read<uint32_t>(), {}, {}};

@@ -26,6 +26,12 @@ const std::string TOKEN_REFUSED = "write token refused";
 const std::string UNREGISTERED_TOKEN;
 const SinkOptions NO_FAULTS;
 
+// An agent's batch is at most one read of its 64 KiB line buffer. A packet is parsed where it
+// lies, so whatever a peer announces here is memory the sink holds for it.
+constexpr uint32_t MAXIMUM_PACKET = 1 << 20;
+// A receive buffer that grew past this for a large packet shrinks back once that has been parsed.
+constexpr uint64_t KEPT_RECEIVE_BUFFER = 4 * 65536;
+
 // The kernel doubles it. Left to itself, it grows a receive buffer that is read quickly up to
 // net.ipv4.tcp_rmem's maximum (32 MiB on some machines): with the output on its own thread the
 // sink reads quickly, and once the output slows down, that buffer took in seconds of it before the
@@ -94,9 +100,25 @@ void SinkConnection::parseRecvBuffer() {
     return;
   }
   NetworkConnection::parseRecvBuffer();
+  shrinkReceiveBuffer();
   // The queue may go past its limit by what one read brought; reading stops from here on.
   if (shared.output.full()) holdForOutput();
   applyFaults();
+}
+
+uint32_t SinkConnection::maximumPacketLength() const {
+  return MAXIMUM_PACKET;
+}
+
+void SinkConnection::shrinkReceiveBuffer() {
+  const uint64_t used = usedRecvBuffer();
+  if (recvBufferSize <= KEPT_RECEIVE_BUFFER || used > INITIAL_RECV_BUFFER_SIZE / 2) return;
+  auto smaller = std::make_unique_for_overwrite<uint8_t[]>(INITIAL_RECV_BUFFER_SIZE);
+  memcpy(smaller.get(), recvRead, used);
+  recvBuffer = std::move(smaller);
+  recvBufferSize = INITIAL_RECV_BUFFER_SIZE;
+  recvRead = recvBuffer.get();
+  recvWrite = recvRead + used;
 }
 
 void SinkConnection::acknowledgeWritten(uint64_t writtenBatches) {

@@ -54,6 +54,8 @@ class SinkConnection : public NetworkConnection {
   void parseRecvBuffer() override;
   /// The commands an agent sends, which the shared code has no reader for.
   bool parseOtherCommand(uint16_t command, IncomingPacket& packet) override;
+  /// Far above an agent's largest packet, far below what the protocol allows.
+  uint32_t maximumPacketLength() const override;
 
   /// The output thread has written every batch numbered below `writtenBatches` (SinkOutput's
   /// numbers): sends their acknowledgements, in order, and then any fault that waited for them.
@@ -91,6 +93,8 @@ class SinkConnection : public NetworkConnection {
   void scheduleDeferred();
   void runDeferred();
   void resumeReading();
+  /// After a large packet, gives the receive buffer's memory back.
+  void shrinkReceiveBuffer();
   /// Stops reading at once, even in the middle of the read loop of an event, and leaves the loop.
   void holdForOutput();
   /// OpenSSL reads from an empty memory BIO while the output holds the connection: the read loop

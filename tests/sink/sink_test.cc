@@ -414,8 +414,9 @@ TEST_F(SinkTest, HostileClientsEndOnlyTheirOwnConnection) {
   } cases[] = {
       {"header of length 5", le32(5) + std::string("\x04\0", 2),
        "Received packet too small (5), terminating connection"},
-      {"oversized length", le32(268435457) + std::string("\x04\0", 2),
-       "Received package too large (268435457), terminating connection"},
+      // Far more than an agent's largest batch, far less than the protocol allows.
+      {"oversized length", le32((1 << 20) + 1) + std::string("\x04\0", 2),
+       "Received package too large (1048577), terminating connection"},
       {"unknown id", le32(6) + std::string("\x07\0", 2), "Received unaccepted command: 7"},
       // A batch that promises two events and carries one.
       {"truncated field",
@@ -467,6 +468,27 @@ TEST_F(SinkTest, AtTheDescriptorLimitItBacksOffAndClosesStalledHandshakes) {
                           }),
             1);
   for (const int fd : idle) close(fd);
+}
+
+// The largest packet the sink takes, full of empty events: the most it makes the sink hold.
+TEST_F(SinkTest, MemoryOfALargePacketIsGivenBackAfterIt) {
+  auto sink = startSink({"--format", "raw", "--report-interval", "0.1"});
+  auto client = connect();
+  negotiate(*client, "t", 0, 1);
+  const long before = sink->process().memoryKib("VmRSS");
+  const uint32_t length = 1 << 20, events = (length - PACKET_HEADER_SIZE - 16) / 2;
+  std::string packet(length, '\0');
+  const uint16_t id = CmdIngestLogEvents::ID;
+  memcpy(packet.data(), &length, 4);
+  memcpy(packet.data() + 4, &id, 2);
+  memcpy(packet.data() + PACKET_HEADER_SIZE + 12, &events, 4);
+  client->con.sendRaw(packet);
+  ASSERT_TRUE(run([&] { return client->got.acks.size() == 1; }));
+  client->con.finish();
+  ASSERT_TRUE(run([&] { return client->finished; }));
+  ASSERT_TRUE(sink->errGets("\"events\":\"" + std::to_string(events) + "\""));
+  ASSERT_TRUE(sink->errGets("\"open_connections\":\"0\""));
+  EXPECT_LT(sink->process().memoryKib("VmRSS") - before, 2048) << sink->process().memoryKib();
 }
 
 TEST_F(SinkTest, ExitsByItselfAfterEnoughEventsOrIdleTime) {
