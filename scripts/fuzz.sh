@@ -26,7 +26,7 @@ elif [ -n "${1:-}" ]; then
   seconds=$1
 fi
 
-targets=(receive_path timestamp forward_grammar)
+targets=(receive_path timestamp forward_grammar json_string)
 build=build/fuzz
 cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DDROVER_TESTS=OFF -DDROVER_BENCHMARKS=OFF -DDROVER_FUZZ=ON \

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "loop/event_loop.h"
+#include "sink/json_string.h"
 
 namespace {
 
@@ -27,10 +28,10 @@ EventWriter::EventWriter(const Log& parent, int descriptor, bool owns, OutputFor
       fd(descriptor),
       ownsDescriptor(owns),
       format(outputFormat),
-      receivedTime(stampReceived) {
-  // Escaping asks for six bytes per input byte before it shrinks back, so the largest event takes
-  // about 400 KiB of room: a buffer of 1 MiB always has room for one after a flush.
-  buffer.reserve(BUFFER_SIZE);
+      receivedTime(stampReceived),
+      // An event is at most 65535 bytes and escaping takes up to six bytes for one, so the largest
+      // takes about 400 KiB: a buffer of 1 MiB always has room for one after a flush.
+      buffer(std::make_unique_for_overwrite<char[]>(BUFFER_SIZE)) {
   prefix.reserve(2048);
 }
 
@@ -42,29 +43,22 @@ EventWriter::~EventWriter() {
 }
 
 void EventWriter::makeRoom(size_t needed) {
-  if (buffer.size() + needed > buffer.capacity()) flush();
+  if (used + needed > BUFFER_SIZE) flush();
+}
+
+void EventWriter::append(const char* data, size_t size) {
+  memcpy(buffer.get() + used, data, size);
+  used += size;
 }
 
 void EventWriter::writeBatch(const QueuedBatch& batch) {
   if (failed) return;
-  const char* event = batch.bytes;
-  auto nextSize = [&batch](uint32_t i) {
-    uint32_t size;
-    memcpy(&size, batch.sizes + i * sizeof size, sizeof size);
-    return static_cast<size_t>(size);
-  };
-  if (format == OutputFormat::RAW) {
-    for (uint32_t i = 0; i < batch.count; ++i) {
-      const size_t size = nextSize(i);
-      makeRoom(size);
-      buffer.append(event, size);
-      event += size;
-    }
-    return;
-  }
-
   prefix.assign("{\"token\":\"");
-  appendEscapedJson(prefix, batch.token.data(), batch.token.size());
+  const size_t tokenAt = prefix.size();
+  prefix.resize(tokenAt + JSON_STRING_EXPANSION * batch.token.size());
+  char* const tokenEnd = writeJsonString(prefix.data() + tokenAt, batch.token.data(),
+                                         batch.token.size());
+  prefix.resize(static_cast<size_t>(tokenEnd - prefix.data()));
   prefix.append("\",\"context\":");
   appendNumber(prefix, batch.context);
   prefix.append(",\"timestamp\":");
@@ -79,19 +73,17 @@ void EventWriter::writeBatch(const QueuedBatch& batch) {
     appendNumber(prefix, wallClockNanos());
   }
   prefix.append(",\"event\":\"");
-  for (uint32_t i = 0; i < batch.count; ++i) {
-    const size_t size = nextSize(i);
-    makeRoom(prefix.size() + 6 * size + sizeof EVENT_END);
-    buffer.append(prefix);
-    appendEscapedJson(buffer, event, size);
-    buffer.append(EVENT_END, sizeof EVENT_END - 1);
-    event += size;
-  }
+  batch.events.forEach([this](const char* event, size_t size) {
+    makeRoom(prefix.size() + JSON_STRING_EXPANSION * size + sizeof EVENT_END);
+    append(prefix.data(), prefix.size());
+    used = static_cast<size_t>(writeJsonString(buffer.get() + used, event, size) - buffer.get());
+    append(EVENT_END, sizeof EVENT_END - 1);
+  });
 }
 
 void EventWriter::flush() {
-  writeAll(buffer.data(), buffer.size());
-  buffer.clear();
+  writeAll(buffer.get(), used);
+  used = 0;
 }
 
 void EventWriter::writeBytes(const char* data, size_t size) {

@@ -1,8 +1,7 @@
 // The sink's parsers for the three commands an agent sends, plugged in behind the shared parser,
-// which has no case for them. Each reads all its fields through IncomingPacket and dispatches
-// only a complete command.
+// which has no case for them. Each reads all its fields through IncomingPacket and acts only on
+// a complete command.
 #include <string_view>
-#include <vector>
 
 #include "net/network_connection.h"
 #include "protocol/network_command.h"
@@ -10,14 +9,6 @@
 #include "sink/sink_connection.h"
 
 namespace {
-
-// The events of one batch point into the receive buffer. One vector serves every packet of
-// every connection: parsing is synchronous on the main thread, so it is free again as soon as
-// the handler returns, and once grown it spares the steady state an allocation per packet.
-std::vector<EphemeralLogEvent> batchEvents;
-// An agent's batch has at most 256 events; a vector grown far beyond that for a packet of many
-// tiny events gives its memory back after it.
-constexpr size_t KEPT_BATCH_EVENTS = 4096;
 
 // `size` raw bytes in place, or an empty view and a failed packet if they run past its end.
 std::string_view readBytes(NetworkConnection::IncomingPacket& packet, size_t size) {
@@ -52,20 +43,16 @@ bool SinkConnection::parseOtherCommand(uint16_t command, IncomingPacket& packet)
       const uint32_t context = packet.read<uint32_t>();
       const uint64_t timestamp = packet.read<uint64_t>();
       const uint32_t count = packet.read<uint32_t>();
-      // The count is the peer's claim: events are appended only while their bytes are there,
-      // so a lying count fails the packet instead of reserving memory for it.
-      batchEvents.clear();
-      while (batchEvents.size() < count && !packet.failed) {
-        const uint16_t length = packet.read<uint16_t>();
-        const std::string_view bytes = readBytes(packet, length);
-        if (packet.failed) break;
-        const auto* begin = reinterpret_cast<const uint8_t*>(bytes.data());
-        batchEvents.push_back(EphemeralLogEvent{begin, begin + bytes.size()});
+      // The count is the peer's claim: it is checked against the events that are there, and the
+      // events go on as they lie in the packet, so a batch costs no memory beyond its bytes.
+      const auto* events = reinterpret_cast<const char*>(packet.cursor);
+      for (uint32_t i = 0; i < count && !packet.failed; ++i) {
+        readBytes(packet, packet.read<uint16_t>());
       }
-      const bool dispatched = dispatch(
-          *handler, packet, CmdIngestLogEvents{context, timestamp, batchEvents.data(), count});
-      if (batchEvents.capacity() > KEPT_BATCH_EVENTS) std::vector<EphemeralLogEvent>().swap(batchEvents);
-      return dispatched;
+      if (!packet.complete()) return false;
+      takeBatch(context, timestamp,
+                WireEvents{events, reinterpret_cast<const char*>(packet.cursor), count});
+      return true;
     }
     case CmdIngestConfig::ID: {
       CmdIngestConfig cmd{packet.read<uint32_t>(), {}, {}};

@@ -219,23 +219,20 @@ void SinkConnection::configureContext(const CmdIngestConfig& cmd) {
   send(answer);
 }
 
-void SinkConnection::takeBatch(const CmdIngestLogEvents& cmd) {
+void SinkConnection::takeBatch(uint32_t contextId, uint64_t timestamp, const WireEvents& events) {
   if (refusing) return;
   const uint64_t batch = batchesTaken++;
-  const auto found = contexts.find(cmd.context);
+  const auto found = contexts.find(contextId);
   // A batch for a context that was never registered is still written, with an empty token.
   const Context* context = found == contexts.end() ? nullptr : &found->second;
-  const uint64_t queued =
-      shared.output.add(context ? context->token : UNREGISTERED_TOKEN, cmd.context, cmd.timestamp,
-                        number, batch, cmd.events, cmd.count);
+  const uint64_t queued = shared.output.add(context ? context->token : UNREGISTERED_TOKEN,
+                                            contextId, timestamp, number, batch, events);
 
   SinkStats& stats = shared.stats;
-  for (uint32_t i = 0; i < cmd.count; ++i) {
-    stats.bytes += static_cast<uint64_t>(cmd.events[i].end - cmd.events[i].begin);
-  }
-  stats.events += cmd.count;
+  stats.bytes += static_cast<uint64_t>(events.end - events.begin) - 2ull * events.count;
+  stats.events += events.count;
   ++stats.batches;
-  if (cmd.count > 0) {
+  if (events.count > 0) {
     stats.lastEventNanos = monotonicNanos();
     if (stats.firstEventNanos == 0) stats.firstEventNanos = stats.lastEventNanos;
   }

@@ -66,7 +66,7 @@ class SinkConnection : public NetworkConnection {
   // Handlers of the three commands an agent sends; called from within parseRecvBuffer.
   void registerContext(const CmdRegisterIngestContext& cmd);
   void configureContext(const CmdIngestConfig& cmd);
-  void takeBatch(const CmdIngestLogEvents& cmd);
+  void takeBatch(uint32_t context, uint64_t timestamp, const WireEvents& events);
 
   /// Fails the connection if its TLS handshake has run past the time-out at `now` (monotonic).
   void expireHandshake(uint64_t now);
@@ -135,14 +135,14 @@ class SinkConnection : public NetworkConnection {
   char resumeKey = 0;
 };
 
-/// The handler class for NetworkCmdHandler: the three ids an agent sends, nothing else.
+/// The handler class for NetworkCmdHandler: the three ids an agent sends, nothing else. Batches
+/// go from the parser to takeBatch() directly, as they lie in the packet.
 class SinkHandler {
  public:
   explicit SinkHandler(SinkConnection* connection) : con(connection) {}
 
   CommandSet acceptedCommands() const;
   void operator()(CmdRegisterIngestContext&& cmd) { con->registerContext(cmd); }
-  void operator()(CmdIngestLogEvents&& cmd) { con->takeBatch(cmd); }
   void operator()(CmdIngestConfig&& cmd) { con->configureContext(cmd); }
 
  private:

@@ -10,7 +10,7 @@
 
 namespace {
 
-// What precedes a batch in the queue; then come the token, the events' sizes and their bytes.
+// What precedes a batch in the queue; then come the token and the events as on the wire.
 struct RecordHeader {
   uint64_t timestamp;
   uint64_t connection;
@@ -40,10 +40,7 @@ QueuedBatch takeBatch(const char*& cursor) {
   batch.timestamp = header.timestamp;
   batch.connection = header.connection;
   batch.batch = header.batch;
-  batch.count = header.count;
-  batch.sizes = cursor;
-  cursor += header.count * sizeof(uint32_t);
-  batch.bytes = cursor;
+  batch.events = WireEvents{cursor, cursor + header.eventBytes, header.count};
   cursor += header.eventBytes;
   return batch;
 }
@@ -75,15 +72,11 @@ SinkOutput::~SinkOutput() {
 }
 
 uint64_t SinkOutput::add(const std::string& token, uint32_t context, uint64_t timestamp,
-                         uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
-                         uint32_t count) {
+                         uint64_t connection, uint64_t batch, const WireEvents& events) {
   if (bareBytes) {
-    for (uint32_t i = 0; i < count; ++i) {
-      filling.append(reinterpret_cast<const char*>(events[i].begin),
-                     static_cast<size_t>(events[i].end - events[i].begin));
-    }
+    events.forEach([this](const char* event, size_t size) { filling.append(event, size); });
   } else {
-    appendRecord(token, context, timestamp, connection, batch, events, count);
+    appendRecord(token, context, timestamp, connection, batch, events);
   }
   ++fillingBatches;
   if (filling.size() >= HAND_OVER_AT) {
@@ -100,23 +93,17 @@ uint64_t SinkOutput::add(const std::string& token, uint32_t context, uint64_t ti
 }
 
 void SinkOutput::appendRecord(const std::string& token, uint32_t context, uint64_t timestamp,
-                              uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
-                              uint32_t count) {
-  RecordHeader header{
-      timestamp, connection, batch, 0, context, count, static_cast<uint32_t>(token.size())};
-  for (uint32_t i = 0; i < count; ++i) {
-    header.eventBytes += static_cast<uint64_t>(events[i].end - events[i].begin);
-  }
+                              uint64_t connection, uint64_t batch, const WireEvents& events) {
+  const RecordHeader header{timestamp,
+                            connection,
+                            batch,
+                            static_cast<uint64_t>(events.end - events.begin),
+                            context,
+                            events.count,
+                            static_cast<uint32_t>(token.size())};
   filling.append(reinterpret_cast<const char*>(&header), sizeof header);
   filling.append(token);
-  for (uint32_t i = 0; i < count; ++i) {
-    const auto size = static_cast<uint32_t>(events[i].end - events[i].begin);
-    filling.append(reinterpret_cast<const char*>(&size), sizeof size);
-  }
-  for (uint32_t i = 0; i < count; ++i) {
-    filling.append(reinterpret_cast<const char*>(events[i].begin),
-                   static_cast<size_t>(events[i].end - events[i].begin));
-  }
+  filling.append(events.begin, events.end);
 }
 
 void SinkOutput::handOver() {

@@ -19,7 +19,6 @@
 #include "loop/event_loop.h"
 #include "sink/event_writer.h"
 #include "support/log.h"
-#include "support/log_event.h"
 
 class SinkOutput : public EpollListener {
  public:
@@ -44,7 +43,7 @@ class SinkOutput : public EpollListener {
   /// 0 in the order they were added. It goes to the output thread at the end of the loop's pass,
   /// or at once when much has gathered.
   uint64_t add(const std::string& token, uint32_t context, uint64_t timestamp, uint64_t connection,
-               uint64_t batch, const EphemeralLogEvent* events, uint32_t count);
+               uint64_t batch, const WireEvents& events);
   /// Passes what was added since the last call to the output thread.
   void handOver();
   /// At least the limit is queued and not yet written: time to stop reading.
@@ -64,8 +63,7 @@ class SinkOutput : public EpollListener {
 
  private:
   void appendRecord(const std::string& token, uint32_t context, uint64_t timestamp,
-                    uint64_t connection, uint64_t batch, const EphemeralLogEvent* events,
-                    uint32_t count);
+                    uint64_t connection, uint64_t batch, const WireEvents& events);
   void runOutputThread();
   /// Writes out what the writer buffers; then `batches` count as written and `bytes` of the
   /// queue are free again, and the loop hears of it.

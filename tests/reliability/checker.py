@@ -20,11 +20,12 @@ SINK_LINE = re.compile(
     rb'^\{"token":"((?:[^"\\]|\\.)*)","context":(\d+),"timestamp":(\d+),"connection":(\d+),'
     rb'"batch":(\d+),"received":(\d+),"event":"(.*)"\}$')
 GENERATED = re.compile(rb"^src=(\d+) seq=(\d+) t=(\d+) ([a-z]*)\n$")
-ESCAPE = re.compile(rb'\\(u00([0-9A-F]{2})|["\\])')
+ESCAPE = re.compile(rb'\\(u(?:00|DC)([0-9A-F]{2})|["\\])')
 
 
 def unescape(text):
-    """Undoes the sink's escaping: \\u00XX for bytes below 0x20, a backslash before " and \\."""
+    """Undoes the sink's escaping: \\u00XX for bytes below 0x20, \\uDCXX for bytes outside
+    valid UTF-8, a backslash before " and \\."""
     if b"\\" not in text:
         return text
 

@@ -72,7 +72,8 @@ class CheckerTest(unittest.TestCase):
 
     def test_unescape_restores_what_the_sink_escaped(self):
         self.assertEqual(checker.unescape(rb'a\u0000b\u001F\"\\\u000A'), b'a\x00b\x1f"\\\n')
-        self.assertEqual(checker.unescape(b"\xff plain \xc3"), b"\xff plain \xc3")
+        self.assertEqual(checker.unescape(b"\\uDCFF plain \\uDCC3 \xc3\xa9"),
+                         b"\xff plain \xc3 \xc3\xa9")
         # An escaped backslash followed by letters is not an escape sequence of its own.
         self.assertEqual(checker.unescape(rb"\\u0041"), rb"\u0041")
 
