@@ -13,6 +13,7 @@
 #include "net/network_connection.h"
 #include "sink/certificate.h"
 #include "sink/event_writer.h"
+#include "sink/memory_release.h"
 #include "sink/sink_options.h"
 #include "sink/sink_output.h"
 #include "sink/sink_server.h"
@@ -35,6 +36,7 @@ int main(int argc, char** argv) {
   // Standard output carries the events, so the log goes to standard error. The exit handlers
   // keep a pointer to it, hence static.
   static const Log log = Log(std::cerr).with("application", "drover_sink");
+  releaseFreedMemoryPromptly();
   if (!installExitHandlers(log)) return 1;
 
   int out = STDOUT_FILENO;

@@ -14,8 +14,12 @@ import json
 import os
 import random
 import re
+import resource
 import shutil
 import signal
+import socket
+import ssl
+import struct
 import subprocess
 import sys
 import tempfile
@@ -54,6 +58,22 @@ def read(path):
         return b""
 
 
+def proc_usage(pid):
+    """CPU seconds so far and the VmRSS and VmHWM (kB) of a running process, or None."""
+    try:
+        with open("/proc/%d/status" % pid) as status:
+            text = status.read()
+        with open("/proc/%d/stat" % pid) as stat:
+            # utime and stime follow the command name, whose parentheses may hold blanks.
+            fields = stat.read().rsplit(")", 1)[1].split()
+        usage = {"cpu": (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")}
+        for key in ("VmRSS", "VmHWM"):
+            usage[key] = int(re.search(key + r":\s+(\d+)", text).group(1))
+        return usage
+    except (OSError, IndexError, ValueError, AttributeError):
+        return None
+
+
 class Context:
     """What every scenario needs: the binaries, its directory, the size of the run."""
 
@@ -88,13 +108,14 @@ class Context:
 class Sink:
     """drover-sink runs on one port; each (re)start writes its own output file."""
 
-    def __init__(self, ctx, flags=(), name="sink", stdout_pipe=False):
+    def __init__(self, ctx, flags=(), name="sink", stdout_pipe=False, **spawn):
         self.ctx = ctx
         self.flags = list(flags)
         self.name = name
         self.port = 0
         self.runs = []  # (process, output path, stderr path)
         self.stdout_pipe = stdout_pipe
+        self.spawn = spawn
         # Its own directory: a sink makes its certificate in the working directory, and sinks
         # started side by side would race for the file.
         self.cwd = ctx.path(name + ".d")
@@ -106,7 +127,7 @@ class Sink:
         output = self.ctx.path("%s.%d.json" % (self.name, index))
         argv = [self.ctx.sink_binary, "--listen", "%s:%d" % (HOST, self.port), "--print-port",
                 "--received-time"] + self.flags
-        extra = {}
+        extra = dict(self.spawn)
         if self.stdout_pipe:
             extra["stdout"] = subprocess.PIPE
         else:
@@ -199,21 +220,11 @@ class Agent:
         self._thread.start()
 
     def _read_status(self):
-        try:
-            with open("/proc/%d/status" % self.pid) as status:
-                text = status.read()
-            with open("/proc/%d/stat" % self.pid) as stat:
-                # utime and stime follow the command name, whose parentheses may hold blanks.
-                fields = stat.read().rsplit(")", 1)[1].split()
-            self.cpu_seconds = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-        except (OSError, IndexError, ValueError):
-            return
-        rss = re.search(r"VmRSS:\s+(\d+)", text)
-        hwm = re.search(r"VmHWM:\s+(\d+)", text)
-        if hwm:
-            self.peak_kb = max(self.peak_kb, int(hwm.group(1)))
-        if rss:
-            self.rss_samples.append((time.monotonic() - self.started, int(rss.group(1))))
+        usage = proc_usage(self.pid)
+        if usage:
+            self.cpu_seconds = usage["cpu"]
+            self.peak_kb = max(self.peak_kb, usage["VmHWM"])
+            self.rss_samples.append((time.monotonic() - self.started, usage["VmRSS"]))
 
     def _read_counters(self):
         data = read(self.out)
@@ -839,6 +850,113 @@ def _sink_connections(sink):
     return sink.stderr_text().count(b"Accepted a connection")
 
 
+# --- 9. A crowd of careless and hostile clients ------------------------------------------------
+
+def _packet(command, payload):
+    return struct.pack("<IH", 6 + len(payload), command) + payload
+
+
+def _crowd_client(port, seed):
+    """One client of the crowd: its kind and its bytes come from `seed`."""
+    rng = random.Random(seed)
+    kind = rng.choice(["garbage", "truncated", "oversized", "batches", "batches", "idle", "plain"])
+    raw = socket.create_connection((HOST, port), timeout=20)
+    try:
+        if kind == "plain":  # no TLS at all
+            raw.sendall(rng.randbytes(rng.randrange(1, 400)))
+            return kind
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+        tls.check_hostname, tls.verify_mode = False, ssl.CERT_NONE
+        conn = tls.wrap_socket(raw)
+        if kind == "garbage":
+            conn.sendall(rng.randbytes(rng.randrange(1, 3000)))
+        elif kind == "truncated":
+            conn.sendall(_packet(4, rng.randbytes(rng.randrange(200, 3000)))[:-rng.randrange(1, 150)])
+        elif kind == "oversized":
+            conn.sendall(struct.pack("<IH", rng.randrange(1 << 21, 1 << 32), 4) + rng.randbytes(100))
+        elif kind == "batches":
+            token = b"crowd-%d" % seed
+            conn.sendall(_packet(2, bytes([len(token)]) + token + struct.pack("<I", 0)) + _packet(
+                49, struct.pack("<II", 0, 1) + struct.pack("<H", 10) + b"enable_ack" +
+                struct.pack("<QI", 1, 0)))
+            for batch in range(rng.randrange(1, 20)):
+                events = [rng.randbytes(rng.randrange(0, 2000)) for _ in range(rng.randrange(1, 40))]
+                conn.sendall(_packet(4, struct.pack("<IQI", 0, batch, len(events)) + b"".join(
+                    struct.pack("<H", len(e)) + e for e in events)))
+            if rng.random() < 0.5:
+                conn.recv(1)  # an answer came: the sink has read what went before
+        else:
+            time.sleep(rng.uniform(0.5, 3))
+        if rng.random() < 0.5:
+            # Abrupt: a reset instead of any close.
+            raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        else:
+            conn.unwrap()
+        return kind
+    except (OSError, ssl.SSLError):
+        return kind  # the sink may well end a hostile connection first
+    finally:
+        raw.close()
+
+
+def client_crowd(ctx):
+    """About a thousand clients with random, truncated and oversized packets, orderly and abrupt
+    closes and idle connections, at a sink held to 1024 descriptors; then the sink must be idle,
+    back to its memory and without connections, and a real agent must get every line through."""
+    clients = 1000
+    sink = Sink(ctx, ["--handshake-timeout", "2", "--report-interval", "0.5"],
+                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (1024, 1024)))
+    time.sleep(0.5)
+    start = proc_usage(sink.process.pid)
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 8192), hard))
+    # Beyond the sink's limit, and never a handshake: only its time-out frees them.
+    idle = [socket.create_connection((HOST, sink.port)) for _ in range(1100)]
+    with concurrent.futures.ThreadPoolExecutor(48) as pool:
+        kinds = list(pool.map(lambda seed: _crowd_client(sink.port, seed), range(clients)))
+    for connection in idle:
+        connection.close()
+    resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+    err = sink.runs[-1][2]
+    reports = lambda: re.findall(rb'"open_connections":"(\d+)".*Intake so far', read(err))
+    settled = wait_for(lambda: reports() and reports()[-1] == b"0", 30)
+    time.sleep(1)
+    before, _ = proc_usage(sink.process.pid), time.sleep(3)
+    after = proc_usage(sink.process.pid)
+    idle_cpu, grown_kb = after["cpu"] - before["cpu"], after["VmRSS"] - start["VmRSS"]
+
+    lines = 20_000
+    source = ctx.path("input.log")
+    Generator(ctx, source, lines, 0).wait(60)
+    agent = Agent(ctx, ["stream", source, "tok-13", "to", sink.target()])
+    status = agent.wait_exit(60)
+    wait_delivered(lambda: sink.outputs, lines, 30)
+    sink.stop()
+    output = read(sink.outputs[-1]).splitlines()
+    unparsed = sum(1 for line in output if not _parses(line))
+    ours = ctx.path("agent-lines.json")
+    with open(ours, "wb") as out:
+        out.writelines(line + b"\n" for line in output if b'"token":"tok-13"' in line)
+    report = checker.check([ours], {1: ("tok-13", lines)})
+    total = checker.totals(report)
+    ok = (settled and idle_cpu < 0.3 and grown_kb < 8 * 1024 and unparsed == 0 and status == 0
+          and total["duplicated"] == 0)
+    notes = ("%d clients (%s) and 1100 idle sockets; open connections after: %s; sink CPU %.2f s "
+             "in 3 s idle; RSS %d -> %d kB (peak %d); %d output lines, %d not JSON; agent exit %s"
+             % (clients, ", ".join("%d %s" % (kinds.count(k), k) for k in sorted(set(kinds))),
+                reports()[-1].decode() if reports() else "?", idle_cpu, start["VmRSS"],
+                after["VmRSS"], after["VmHWM"], len(output), unparsed, status))
+    return [make_row("9 crowd of hostile clients", report, agent, ok, notes)]
+
+
+def _parses(line):
+    try:
+        json.loads(line)
+        return True
+    except ValueError:
+        return False
+
+
 # --- 8. The service's instance runner ---------------------------------------------------------
 
 def service_runner(ctx):
@@ -941,6 +1059,7 @@ SCENARIOS = {
     "bytes": byte_transparency,
     "hostile": hostile_endpoint,
     "logrotate": logrotate_rotation,
+    "crowd": client_crowd,
     "service": service_runner,
 }
 
