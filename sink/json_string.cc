@@ -1,5 +1,6 @@
 #include "sink/json_string.h"
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -8,14 +9,14 @@ namespace {
 constexpr uint64_t ONES = 0x0101010101010101ull;
 constexpr uint64_t HIGHS = 0x8080808080808080ull;
 
-// Whether any of the eight bytes in `word` is anything but printable ASCII other than '"' and
-// '\': the classic tests for a byte below a bound and for a zero byte, which are exact for "any".
-bool needsCare(uint64_t word) {
+// Marks the high bit of each of the eight bytes in `word` that is anything but printable ASCII
+// other than '"' and '\': the classic tests for a byte below a bound and for a zero byte. A mark
+// can be false only above a true one, so the lowest mark is always right.
+uint64_t careMarks(uint64_t word) {
   const uint64_t control = (word - ONES * 0x20) & ~word;
   const uint64_t quote = word ^ (ONES * '"');
   const uint64_t backslash = word ^ (ONES * '\\');
-  return ((control | ((quote - ONES) & ~quote) | ((backslash - ONES) & ~backslash) | word) &
-          HIGHS) != 0;
+  return (control | ((quote - ONES) & ~quote) | ((backslash - ONES) & ~backslash) | word) & HIGHS;
 }
 
 // The length of the well-formed UTF-8 sequence that starts at `p`, or 0: no overlong forms, no
@@ -62,14 +63,18 @@ char* writeJsonString(char* out, const char* data, size_t size) {
   const auto* p = reinterpret_cast<const unsigned char*>(data);
   const auto* const end = p + size;
   while (p < end) {
-    // Log lines are mostly plain ASCII: take it eight bytes at a time.
-    uint64_t word;
-    while (end - p >= 8 && (memcpy(&word, p, 8), !needsCare(word))) {
-      memcpy(out, p, 8);
-      out += 8;
-      p += 8;
+    // Log lines are mostly plain ASCII: take it eight bytes at a time, up to the next byte that
+    // needs care.
+    if (end - p >= 8) {
+      uint64_t word;
+      memcpy(&word, p, 8);
+      const uint64_t marks = careMarks(word);
+      const size_t plain = marks == 0 ? 8 : static_cast<size_t>(std::countr_zero(marks)) / 8;
+      memcpy(out, p, 8);  // whole: the bytes past `plain` are overwritten next
+      out += plain;
+      p += plain;
+      if (plain == 8) continue;
     }
-    if (p == end) break;
     const unsigned byte = *p;
     if (byte >= 0x20 && byte < 0x80) {
       if (byte == '"' || byte == '\\') *out++ = '\\';
