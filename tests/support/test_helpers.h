@@ -9,6 +9,10 @@
 
 class EventLoop;
 
+/// Whether the programs under test run with a sanitizer, whose shadow memory and quarantine
+/// swamp any figure of their own memory.
+constexpr bool SANITIZED_BUILD = DROVER_SANITIZED;
+
 /// A fresh directory under /tmp, removed with its contents at destruction.
 class TempDir {
  public:
