@@ -93,7 +93,10 @@ class Context:
     def spawn(self, argv, name, cwd=None, **kwargs):
         out = kwargs.pop("stdout", None) or open(self.path(name + ".out"), "wb")
         err = open(self.path(name + ".err"), "wb")
-        process = subprocess.Popen(argv, stdout=out, stderr=err, cwd=cwd or self.dir, **kwargs)
+        # Each child dies with the harness, so that a harness ended at its time-out leaves no
+        # agent or endpoint running behind it.
+        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--"] + argv, stdout=out,
+                                   stderr=err, cwd=cwd or self.dir, **kwargs)
         self.processes.append(process)
         return process
 

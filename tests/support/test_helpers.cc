@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,6 +55,17 @@ void drainInto(int fd, std::string& sink, bool& open) {
 
 }  // namespace
 
+namespace {
+
+// In a child between fork and exec: it dies with the test, so that a test that crashes or is
+// ended at its time-out leaves no agent or endpoint running behind it. `parent` is the test's
+// pid, taken before the fork: if the test is gone already, the signal would never come.
+void dieWithParent(pid_t parent) {
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
+}
+
+}  // namespace
+
 ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
                          const std::string& cwd, const std::string& input) {
   // An EventLoop ignores SIGCHLD for the whole process, which would let the kernel reap the
@@ -63,8 +75,10 @@ ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::mill
   if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC) || pipe2(inPipe, O_CLOEXEC)) {
     throw std::runtime_error("pipe failed");
   }
+  const pid_t parent = getpid();
   const pid_t child = fork();
   if (child == 0) {
+    dieWithParent(parent);
     dup2(inPipe[0], 0);
     dup2(outPipe[1], 1);
     dup2(errPipe[1], 2);
@@ -131,8 +145,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
   // peak taken that early would be ours, not the program's.
   int execDone[2];
   if (pipe2(execDone, O_CLOEXEC) != 0) return;
+  const pid_t parent = getpid();
   child = fork();
   if (child == 0) {
+    dieWithParent(parent);
     close(execDone[0]);
     const int in = open("/dev/null", O_RDONLY);
     const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
