@@ -144,7 +144,9 @@ void SinkConnection::holdForOutput() {
 }
 
 void SinkConnection::stopSocketReads() {
-  if (heldSocketBio || !ssl) return;
+  // A connection that has died has no loop to wait on: its read loop must end on the closed
+  // socket, not on an empty BIO that asks to be read again later.
+  if (heldSocketBio || !ssl || isDead()) return;
   BIO* empty = BIO_new(BIO_s_mem());
   if (!empty) return;  // then the read loop ends when the peer pauses, and leaving the loop holds
   // Empty, it asks to be read again later, as a socket without data does.
