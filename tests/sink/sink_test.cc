@@ -486,7 +486,7 @@ size_t checkNumberedLines(const std::string& output) {
 }
 
 TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheAgentBackLater) {
-  constexpr uint64_t FIRST = 4, TOTAL = 1536;  // 256 KiB, below the queue's limit; 96 MiB in all
+  constexpr uint64_t FIRST = 4, TOTAL = 512;  // 256 KiB, below the queue's limit; 32 MiB in all
   OutputFifo fifo(dir);
   auto sink = startSink({"--out", fifo.path});
   auto client = negotiated();
@@ -499,7 +499,9 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
   sendNumberedBatches(*client, FIRST, TOTAL);
   run([] { return false; }, 2s);
   EXPECT_GT(client->con.usedSendBuffer(), 0u);
-  EXPECT_LT(sink->process().memoryKib(), 48 * 1024);  // a sixth of what was sent is ample
+  if (!SANITIZED_BUILD) {
+    EXPECT_LT(sink->process().memoryKib(), 24 * 1024);  // the program and its queue, no more
+  }
   // Whatever was acknowledged so far is in the pipe already; the pipe holds only a little.
   const size_t acked = client->got.acks.size();
   EXPECT_LT(acked, FIRST);
