@@ -11,6 +11,7 @@
 namespace {
 
 using ::testing::ElementsAre;
+using namespace std::chrono_literals;
 using State = NetworkConnection::State;
 using enum NetworkConnection::State;
 
@@ -114,15 +115,25 @@ TEST_F(ConnectionStates, Transitions) {
   }
 }
 
-// The loop asks for what each state needs: writable while data waits, readable until the peer's
-// end of stream, which is read once only.
-TEST_F(ConnectionStates, PeerClosesWhileWeDrainOurQueueOnTheLoop) {
+// On the loop: the registration moves from one loop to the next; thousands of small packets slide
+// through the receive buffer; the loop asks for what each state needs: writable while data waits,
+// readable until the peer's end of stream, which is read once only.
+TEST_F(ConnectionStates, OnTheLoop) {
   EXPECT_TRUE(con->shouldSend(0));  // no send buffer yet
   queuePacket(3, "abc");
   EXPECT_FALSE(con->shouldSend(9));
   EXPECT_TRUE(con->shouldSend(10));
+  EventLoop other(loopLog);
+  con->registerAt(&other);
   con->registerAt(&loop);
-  ASSERT_TRUE(runUntil(loop, [&] { return con->usedSendBuffer() == 0; }));
+  EXPECT_FALSE(runUntil(
+      other, [&] { return con->usedSendBuffer() == 0; }, 20ms));
+  acceptIds({0});
+  std::string stream;
+  for (int i = 0; i < 8000; ++i) stream += packet(0, std::to_string(i));
+  peerWrite(stream);
+  ASSERT_TRUE(runUntil(loop, [&] { return seen.size() == 8000 || con->hasFailed(); }));
+  EXPECT_EQ(seen.back(), "error '7999'");
   EXPECT_FALSE(con->shouldSend(0));  // allocated and empty
   queuePacket(3, "def");
   con->finish();
@@ -133,6 +144,20 @@ TEST_F(ConnectionStates, PeerClosesWhileWeDrainOurQueueOnTheLoop) {
   EXPECT_EQ(peerRead(&ended), packet(3, "abc") + packet(3, "def"));
   EXPECT_TRUE(ended);
   EXPECT_THAT(lines(), ElementsAre(REMOTE_CLOSED_LINE, FINISHED_LINE));
+}
+
+// Dropping a connection closes an open socket without a word, and leaves a closed one alone.
+TEST_F(ConnectionStates, DroppingClosesAnOpenSocketSilently) {
+  for (const bool failed : {false, true}) {
+    restart();
+    if (failed) con->failConnection();
+    out.str("");
+    con.reset();
+    bool ended = false;
+    peerRead(&ended);
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(out.str(), "") << failed;
+  }
 }
 
 TEST_F(ConnectionStates, FinalCallbackOnceAndHeldBackByReferences) {
