@@ -51,18 +51,17 @@ class TestConnection : public NetworkConnection {
   }
 };
 
-/// Counts what the four handlers of a connection were called for.
+/// Counts what the four handlers of a connection were called for; `order` spells the calls out
+/// as E(stablished), R(ead closed), X (error) and F(inished).
 struct HandlerCalls {
-  int established = 0;
-  int readClosed = 0;
-  int error = 0;
-  int finished = 0;
+  int established = 0, readClosed = 0, error = 0, finished = 0;
+  std::string order;
 
   void attach(NetworkConnection& con) {
-    con.setEstablishedHandler([this] { ++established; });
-    con.setReadClosedHandler([this] { ++readClosed; });
-    con.setErrorHandler([this] { ++error; });
-    con.setFinishedHandler([this] { ++finished; });
+    con.setEstablishedHandler([this] { ++established, order += 'E'; });
+    con.setReadClosedHandler([this] { ++readClosed, order += 'R'; });
+    con.setErrorHandler([this] { ++error, order += 'X'; });
+    con.setFinishedHandler([this] { ++finished, order += 'F'; });
   }
 };
 
@@ -107,15 +106,12 @@ inline std::string logLine(const std::string& level, const std::string& message)
          message + "\"}";
 }
 
-/// Whether `line` is a line of a connection at `level` whose message begins with `text`.
-inline bool startsWithMessage(const std::string& line, const std::string& level,
-                              const std::string& text) {
-  const std::string whole = logLine(level, text);
-  return line.rfind(whole.substr(0, whole.size() - 2), 0) == 0;
+inline std::string le16(uint16_t v) {
+  return std::string(reinterpret_cast<const char*>(&v), 2);
 }
-
-inline std::string le16(uint16_t v) { return std::string(reinterpret_cast<const char*>(&v), 2); }
-inline std::string le32(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
+inline std::string le32(uint32_t v) {
+  return std::string(reinterpret_cast<const char*>(&v), 4);
+}
 
 /// A whole packet: header and `payload`.
 inline std::string packet(uint16_t command, const std::string& payload) {
