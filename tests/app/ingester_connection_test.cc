@@ -1,16 +1,10 @@
 #include "app/ingester_connection.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <memory>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/support/address_helpers.h"
 
@@ -25,7 +19,6 @@ class IngesterConnectionTest : public ::testing::Test {
   IngesterConnectionTest() {
     uint16_t port = 0;
     listener = listenOnLoopback(&port);
-    EXPECT_GE(listener, 0);
     NetworkConnection::Initialize(log, false, true);
     con = std::make_unique<IngesterConnection>(log, loopbackInfo(port));
   }
@@ -34,20 +27,10 @@ class IngesterConnectionTest : public ::testing::Test {
     close(listener);
   }
 
-  // Sends one batch per text, each event being one character of it.
-  void sendBatches(const std::vector<std::string>& texts) {
-    for (const std::string& text : texts) {
-      std::vector<EphemeralLogEvent> events;
-      const auto* p = reinterpret_cast<const uint8_t*>(text.data());
-      for (size_t i = 0; i < text.size(); ++i) events.push_back({p + i, p + i + 1});
-      con->sendEvents(3, 100, events.data(), static_cast<uint32_t>(events.size()));
-    }
-  }
-
   // The first event of every kept batch.
   std::vector<std::string> kept() const {
     std::vector<std::string> fronts;
-    for (const std::vector<LogEvent>& batch : con->unacknowledged) fronts.push_back(batch.front().data);
+    for (const std::vector<LogEvent>& batch : con->unacknowledged) fronts.push_back(batch[0].data);
     return fronts;
   }
 
@@ -57,59 +40,61 @@ class IngesterConnectionTest : public ::testing::Test {
   std::unique_ptr<IngesterConnection> con;
 };
 
-TEST_F(IngesterConnectionTest, BatchIsSentAsOnePacketAndKeptAsCopies) {
+TEST_F(IngesterConnectionTest, BatchesGoAsOnePacketEachAndAreKeptAsCopies) {
   std::string line = "ab";
   const auto* p = reinterpret_cast<const uint8_t*>(line.data());
   const EphemeralLogEvent events[] = {{p, p + 2}, {p + 1, p + 2}};
   con->sendEvents(1, 42, events, 2);
   line = "zz";  // the source's buffer moves on; the copies must not
-  EXPECT_EQ(con->usedSendBuffer(), 22u + (2 + 2) + (2 + 1));
-  ASSERT_EQ(con->unacknowledged.size(), 1u);
-  const std::vector<LogEvent>& batch = con->unacknowledged.front();
+  con->sendEvent(LogEvent{2, 7, "line\n"});
+  // Each packet: a 22-byte head, then two length bytes per event.
+  EXPECT_EQ(con->usedSendBuffer(), (22u + 2 + 2 + 2 + 1) + (22u + 2 + 5));
+  ASSERT_EQ(con->unacknowledged.size(), 2u);
+  const std::vector<LogEvent>& batch = con->unacknowledged[0];
   ASSERT_EQ(batch.size(), 2u);
   EXPECT_EQ(batch[0].data, "ab");
   EXPECT_EQ(batch[1].data, "b");
   EXPECT_EQ(batch[1].context, 1u);
   EXPECT_EQ(batch[1].timestamp, 42u);
-}
-
-TEST_F(IngesterConnectionTest, QueuedEventGoesOutAloneAndIsKeptAgain) {
-  con->sendEvent(LogEvent{2, 7, "line\n"});
-  EXPECT_EQ(con->usedSendBuffer(), 22u + 2 + 5);
-  ASSERT_EQ(con->unacknowledged.size(), 1u);
-  ASSERT_EQ(con->unacknowledged.front().size(), 1u);
-  const LogEvent& kept = con->unacknowledged.front().front();
-  EXPECT_EQ(kept.context, 2u);
-  EXPECT_EQ(kept.timestamp, 7u);
-  EXPECT_EQ(kept.data, "line\n");
+  ASSERT_EQ(con->unacknowledged[1].size(), 1u);
+  const LogEvent& single = con->unacknowledged[1][0];
+  EXPECT_EQ(single.context, 2u);
+  EXPECT_EQ(single.timestamp, 7u);
+  EXPECT_EQ(single.data, "line\n");
 }
 
 TEST_F(IngesterConnectionTest, AcknowledgementsCountBatchesFromZero) {
-  sendBatches({"a", "bc", "d", "ef", "g", "h"});
-  con->acknowledgeBatches(0);
-  EXPECT_THAT(kept(), ElementsAre("b", "d", "e", "g", "h"));
-  EXPECT_EQ(con->acknowledged, 1u);
-  con->acknowledgeBatches(0);  // repeated: nothing
-  EXPECT_EQ(con->unacknowledged.size(), 5u);
-  con->acknowledgeBatches(1);
-  EXPECT_EQ(con->acknowledged, 2u);
-  con->acknowledgeBatches(4);  // batches 2, 3 and 4
-  EXPECT_THAT(kept(), ElementsAre("h"));
-  EXPECT_EQ(con->acknowledged, 5u);
-  con->acknowledgeBatches(3);  // old: nothing
-  EXPECT_THAT(kept(), ElementsAre("h"));
-  EXPECT_EQ(out.str().find("ERROR"), std::string::npos) << out.str();
-}
-
-TEST_F(IngesterConnectionTest, AcknowledgingMoreThanWasSentEmptiesWithoutRunningPastTheEnd) {
-  sendBatches({"a", "b"});
-  con->acknowledgeBatches(100);
-  EXPECT_TRUE(con->unacknowledged.empty());
-  EXPECT_EQ(con->acknowledged, 101u);
-  sendBatches({"c"});
+  // One batch per text, one event per character.
+  const auto send = [&](const std::string& text) {
+    std::vector<EphemeralLogEvent> events;
+    const auto* p = reinterpret_cast<const uint8_t*>(text.data());
+    for (size_t i = 0; i < text.size(); ++i) events.push_back({p + i, p + i + 1});
+    con->sendEvents(3, 100, events.data(), static_cast<uint32_t>(events.size()));
+  };
+  for (const char* text : {"a", "bc", "d", "ef", "g", "h"}) send(text);
+  struct Step {
+    uint64_t sequence;
+    std::vector<std::string> left;
+    uint64_t acknowledged;
+  };
+  // Repeated and older numbers do nothing; one past what was sent empties without popping more.
+  const std::vector<Step> steps = {{0, {"b", "d", "e", "g", "h"}, 1},
+                                   {0, {"b", "d", "e", "g", "h"}, 1},
+                                   {1, {"d", "e", "g", "h"}, 2},
+                                   {4, {"h"}, 5},
+                                   {3, {"h"}, 5},
+                                   {100, {}, 101}};
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.sequence);
+    con->acknowledgeBatches(step.sequence);
+    EXPECT_EQ(kept(), step.left);
+    EXPECT_EQ(con->acknowledged, step.acknowledged);
+  }
+  send("c");
   con->acknowledgeBatches(UINT64_MAX - 1);  // must end at once, not count up to it
   EXPECT_TRUE(con->unacknowledged.empty());
   EXPECT_EQ(con->acknowledged, UINT64_MAX);
+  EXPECT_EQ(out.str().find("ERROR"), std::string::npos) << out.str();
 }
 
 }  // namespace
