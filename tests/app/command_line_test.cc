@@ -1,7 +1,10 @@
-// The forward grammar, run as the real binary: status, which stream got what, exact lines.
+// The command lines of drover and of its forward subcommand, run as the real binary: status,
+// what goes to which stream, exact lines.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+
+#include <regex>
 
 #include "tests/support/test_helpers.h"
 
@@ -10,32 +13,65 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-const std::string FORWARD_USAGE =
-    "Usage: drover forward [<source spec> ...] [to <connection>]\n\n"
-    "where <source spec> can be:\n"
-    "  tail <filename> <write_token>   - tail this filename for new lines (normal logs)\n"
-    "  stream <filename> <write_token> - stream lines from this file (old logs, pipes, fifos)\n\n"
-    "... and can be further configured via:\n"
-    "  timestamps <time-source> - configure when events from this source appear to happen\n"
-    "  prepend <string>         - prepend a fixed string to every event from this source\n\n"
-    "and <time-source> can be:\n"
-    "  system    - the default: a log line is recorded when it is read from the log source\n"
-    "  first-iso - the first YYYY-MM-DD HH:MM:SS per line is used as the event time\n"
-    "              a literal T between date and time and fractional seconds are supported\n\n"
-    "and <connection> can be:\n  <hostname>:<port>\n";
+std::string run(const std::vector<std::string>& words, bool err = false) {
+  const ProcessResult r = runProcess(words);
+  return err ? r.err : r.out;
+}
+// The usage texts as help prints them; their first lines and lengths are checked below.
+const std::string USAGE = run({DROVER_BINARY, "help"});
+const std::string FORWARD_USAGE = run({DROVER_BINARY, "forward", "help"}, true);
+const std::string VERSION = run({DROVER_BINARY, "version"});
+
+TEST(ProgramEntry, EachFirstWordGivesItsStatusAndStreams) {
+  EXPECT_THAT(USAGE, StartsWith("Usage: drover <subcommand> [help | ...]\n\nwhere subcommand"));
+  EXPECT_EQ(std::count(USAGE.begin(), USAGE.end(), '\n'), 16);
+  ASSERT_TRUE(
+      std::regex_match(VERSION, std::regex("\\d{4}-\\d\\d-\\d\\d-[0-9a-f]{7}-[0-9a-f]{8}\n")));
+  const std::string note = "\nNote: To get help for a subcommand, use ./drover <subcommand> help\n";
+  struct Run {
+    std::vector<std::string> words;
+    int status;
+    std::string out, err;
+  };
+  // Help with any second word adds the note only; further words of version are ignored.
+  std::vector<Run> runs = {{{}, 1, "", USAGE},
+                           {{"help"}, 0, USAGE, ""},
+                           {{"help", "forward"}, 0, USAGE + note, ""},
+                           {{"help", ""}, 0, USAGE + note, ""},
+                           {{"version", "extra"}, 0, VERSION, ""}};
+  // Words are compared whole and case-sensitively.
+  for (const std::string word : {"HELP", "versions", "forwar", ""}) {
+    runs.push_back({{word},
+                    1,
+                    "{\"level\":\"ERROR\", \"version\":\"" + VERSION.substr(0, 27) +
+                        "\", \"application\":\"drover_main\", \"message\": \"Invalid subcommand: " +
+                        word + "\"}\n",
+                    USAGE});
+  }
+  for (Run row : runs) {
+    SCOPED_TRACE(row.words.empty() ? "-" : row.words[0]);
+    row.words.insert(row.words.begin(), DROVER_BINARY);
+    const ProcessResult r = runProcess(row.words);
+    EXPECT_EQ(r.exitCode, row.status);
+    EXPECT_EQ(r.out, row.out);
+    EXPECT_EQ(r.err, row.err);
+  }
+}
 
 struct Refusal {
-  std::vector<std::string> words;
+  std::vector<std::string> words;     // behind "forward"
   std::vector<std::string> messages;  // the ERROR lines, in order
-  std::string err{};                  // standard error; for an abort, a part of it
-  bool aborts = false;                // ends through a signal; the last line may be cut short
+  std::string err{};                  // standard error
+  bool aborts = false;                // ends through SIGABRT: err is a part, the last line cut
 };
 
 TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
+  EXPECT_THAT(FORWARD_USAGE,
+              StartsWith("Usage: drover forward [<source spec> ...] [to <connection>]\n"));
+  EXPECT_EQ(std::count(FORWARD_USAGE.begin(), FORWARD_USAGE.end(), '\n'), 17);
   const TempDir dir;
   const std::string a = dir.file("a.log"), missing = dir.file("missing.log");
   writeFile(a, "old line\n");
-  const std::string version = runProcess({DROVER_BINARY, "version"}).out.substr(0, 27);
   const std::string noTarget = "At least one log target must be specified via 'to' argument.";
   const std::string refusing =
       "Refusing startup: At least one log source is unavailable, i.e. likely misconfigured.";
@@ -101,25 +137,24 @@ TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
        true},
   };
   for (const Refusal& row : table) {
-    std::string trace;
+    std::string trace, out;
     for (const std::string& word : row.words) trace += word.substr(0, 40) + " ";
     SCOPED_TRACE(trace);
     std::vector<std::string> argv = {DROVER_BINARY, "forward"};
     argv.insert(argv.end(), row.words.begin(), row.words.end());
-    const ProcessResult r = runProcess(argv, std::chrono::seconds(20));
-    std::string expected;
+    const ProcessResult r = runProcess(argv);
     for (const std::string& message : row.messages) {
-      expected += "{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" + version +
-                  "\", \"message\": \"" + message + "\"}\n";
+      out += "{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" +
+             VERSION.substr(0, 27) + "\", \"message\": \"" + message + "\"}\n";
     }
     if (row.aborts) {
       EXPECT_EQ(r.signal, SIGABRT);
-      EXPECT_THAT(r.out, StartsWith(expected.substr(0, expected.size() - 3)));
-      EXPECT_EQ(r.out.empty(), expected.empty());
+      EXPECT_THAT(r.out, StartsWith(out.substr(0, out.size() - 3)));
+      EXPECT_EQ(r.out.empty(), out.empty());
       EXPECT_THAT(r.err, HasSubstr(row.err));
     } else {
       EXPECT_EQ(r.exitCode, 1);
-      EXPECT_EQ(r.out, expected);
+      EXPECT_EQ(r.out, out);
       EXPECT_EQ(r.err, row.err);
     }
   }
