@@ -78,9 +78,7 @@ TEST(EndToEnd, BigStreamThroughAStallArrivesWholeInOrderAndTheRunEndsByItself) {
   EXPECT_TRUE(waitFor([&] { return run.received().size() >= lines.size(); }, 10s));
   EXPECT_TRUE(run.received() == lines) << run.received().size() << " of " << lines.size();
   // The queue limit and the send threshold hold memory down whatever the file's size (26 MB).
-  if (!SANITIZED_BUILD) {
-    EXPECT_LT(peakKib, 32 * 1024);
-  }
+  EXPECT_TRUE(SANITIZED_BUILD || peakKib < 32 * 1024) << peakKib << " KiB";
   // The second counters line: the transfer is over, the sources were held back, and the loop had
   // no time to wait now and then.
   const std::string log = run.log();
@@ -98,9 +96,9 @@ TEST(EndToEnd, BigStreamThroughAStallArrivesWholeInOrderAndTheRunEndsByItself) {
 }
 
 TEST(EndToEnd, FaultyEndpointsAreReplacedAndTailsLoseNothing) {
-  // Each endpoint fails its first connection in its own way, and the connection check replaces
-  // it five seconds in; the agents run side by side. Fewer lines than the queue's limit, since a
-  // tail refused a whole batch waits for its file to change.
+  // Each endpoint fails the first of two connections in its own way, and the connection check
+  // replaces it five seconds in; the agents run side by side. Fewer lines than the queue's limit,
+  // since a tail refused a whole batch waits for its file to change.
   const std::vector<std::pair<std::vector<std::string>, std::string>> faults = {
       {{"--refuse-token", "tok"},
        "Ingester context / write token registration failed: write token refused"},
@@ -111,17 +109,14 @@ TEST(EndToEnd, FaultyEndpointsAreReplacedAndTailsLoseNothing) {
   for (auto [flags, message] : faults) {
     flags.insert(flags.end(), {"--faulty-connections", "1", "--format", "json"});
     AgentRun& run = *runs.emplace_back(std::make_unique<AgentRun>(flags));
-    writeFile(run.dir.file("app.log"), "old line\n");
-    writeFile(run.dir.file("a.log"), "first line\n2024-05-06 07:08:09.5 dated \"line\"\n");
-    writeFile(run.dir.file("b.log"), "other\n");
-    // The first also has two streams, and a second connection to the same address, which works.
-    std::vector<std::string> words = {"tail", run.dir.file("app.log"), "tok"};
-    if (runs.size() == 1) {
-      words.insert(words.end(),
-                   {"stream", run.dir.file("a.log"), "tok-a", "timestamps", "first-iso", "stream",
-                    run.dir.file("b.log"), "tok-b", "prepend", "b: ", "to", run.target()});
-    }
-    run.start(words);
+    const auto file = [&](const std::string& name, const std::string& content) {
+      writeFile(run.dir.file(name), content);
+      return run.dir.file(name);
+    };
+    run.start({"tail", file("app.log", "old line\n"), "tok", "stream",
+               file("a.log", "first line\n2024-05-06 07:08:09.5 dated \"line\"\n"), "tok-a",
+               "timestamps", "first-iso", "stream", file("b.log", "other\n"), "tok-b", "prepend",
+               "b: ", "to", run.target()});
     ASSERT_TRUE(run.logs("networkConnects"));  // the loop runs
     appendFile(run.dir.file("app.log"), lines);
   }
@@ -147,23 +142,21 @@ TEST(EndToEnd, FaultyEndpointsAreReplacedAndTailsLoseNothing) {
     int duplicates = 0;
     for (const auto& [line, count] : arrivals) duplicates += count - 1;
     EXPECT_EQ(arrivals.size(), 1000u);
-    EXPECT_EQ(countOf(run.received(), "old line"), 0u);
     EXPECT_LT(duplicates, 512);
+    // Contexts count in source order; each event carries its own token, and its time.
+    const std::string received = run.received();
+    EXPECT_EQ(countOf(received, "old line"), 0u);
+    for (const char* event :
+         {"\"token\":\"tok-a\",\"context\":1,\"timestamp\":1714979289500000000,.*dated",
+          "\"token\":\"tok-b\",\"context\":2,.*\"event\":\"b: other\\\\u000A\""}) {
+      EXPECT_TRUE(std::regex_search(received, std::regex(event))) << event << "\n" << received;
+    }
     // A tail never completes: only an interrupt ends the run, with status 0.
     run.agent->signal(SIGINT);
     EXPECT_TRUE(run.endsWithZero(5s));
     EXPECT_EQ(countOf(run.log(), "All sources completed."), 0u);
     EXPECT_EQ(countOf(run.log(), "Reconnecting to"), 1u);
-  }
-  // Contexts count in source order; each event carries its own token, and its time.
-  const std::string received = runs[0]->received();
-  EXPECT_THAT(runs[0]->log(), HasSubstr("\"networkConnects\":\"2\""));
-  for (const char* event :
-       {"\"token\":\"tok-a\",\"context\":1,.*\"event\":\"first line\\\\u000A\"",
-        "\"token\":\"tok-b\",\"context\":2,.*\"event\":\"b: other\\\\u000A\"",
-        "\"context\":1,\"timestamp\":1714979289500000000,.*\"event\":\"2024-05-06 "
-        "07:08:09.5 dated \\\\\"line\\\\\"\\\\u000A\""}) {
-    EXPECT_TRUE(std::regex_search(received, std::regex(event))) << event << "\n" << received;
+    EXPECT_THAT(run.log(), HasSubstr("\"networkConnects\":\"2\""));  // one per resolved entry
   }
 }
 

@@ -69,21 +69,15 @@ TEST_F(Forwarding, ConnectionKeepsCopiesOfItsBatchesUntilAcknowledgedCountingFro
   EXPECT_THAT(con.unacknowledged[0][1], FieldsAre(1u, 42u, "b"));
   EXPECT_THAT(con.unacknowledged[1][0], FieldsAre(2u, 7u, "line\n"));
   for (const char* text : {"c", "de", "f", "g"}) con.unacknowledged.push_back(batch(text));
-  // Repeated and older numbers do nothing; one past what was sent empties without popping more.
-  for (const auto& [sequence, left, acknowledged] :
-       std::vector<std::tuple<uint64_t, std::string, uint64_t>>{{0, "|line\n|c|de|f|g", 1},
-                                                                {0, "|line\n|c|de|f|g", 1},
-                                                                {1, "|c|de|f|g", 2},
-                                                                {4, "|g", 5},
-                                                                {3, "|g", 5},
-                                                                {100, "", 101}}) {
-    SCOPED_TRACE(sequence);
-    con.acknowledgeBatches(sequence);
-    EXPECT_EQ(kept(con), left);
-    EXPECT_EQ(con.acknowledged, acknowledged);
-  }
+  // Batches count from 0; repeated and older numbers do nothing.
+  for (const uint64_t sequence : {0, 0, 4, 3}) con.acknowledgeBatches(sequence);
+  EXPECT_EQ(kept(con), "|g");
+  EXPECT_EQ(con.acknowledged, 5u);
+  // One past what was sent empties without popping more; a huge one ends at once.
+  con.acknowledgeBatches(100);
+  EXPECT_EQ(con.acknowledged, 101u);
   con.unacknowledged.push_back(batch("h"));
-  con.acknowledgeBatches(UINT64_MAX - 1);  // must end at once, not count up to it
+  con.acknowledgeBatches(UINT64_MAX - 1);
   EXPECT_EQ(kept(con), "");
   EXPECT_EQ(con.acknowledged, UINT64_MAX);
 }
