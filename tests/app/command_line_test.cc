@@ -31,21 +31,16 @@ TEST(ProgramEntry, EachFirstWordGivesItsStatusAndStreams) {
                            {{"help", ""}, 0, USAGE + note, ""},
                            {{"version", "extra"}, 0, VERSION, ""}};
   // Words are compared whole and case-sensitively.
-  for (const std::string word : {"HELP", "versions", "forwar", ""}) {
-    runs.push_back({{word},
-                    1,
-                    "{\"level\":\"ERROR\", \"version\":\"" + VERSION.substr(0, 27) +
-                        "\", \"application\":\"drover_main\", \"message\": \"Invalid subcommand: " +
-                        word + "\"}\n",
-                    USAGE});
-  }
+  const std::string invalid =
+      "{\"level\":\"ERROR\", \"version\":\"" + VERSION.substr(0, 27) +
+      "\", \"application\":\"drover_main\", \"message\": \"Invalid subcommand: ";
+  for (const std::string word : {"HELP", "versions", "forwar", ""})
+    runs.push_back({{word}, 1, invalid + word + "\"}\n", USAGE});
   for (auto [words, status, out, err] : runs) {
     SCOPED_TRACE(words.empty() ? "-" : words[0]);
     words.insert(words.begin(), DROVER_BINARY);
     const ProcessResult r = runProcess(words);
-    EXPECT_EQ(r.exitCode, status);
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, err);
+    EXPECT_EQ(std::tie(r.exitCode, r.out, r.err), std::tie(status, out, err));
   }
 }
 
@@ -127,6 +122,8 @@ TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
        "TailLogEventSource::TailLogEventSource",
        true},
   };
+  const std::string line = "{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" +
+                           VERSION.substr(0, 27) + "\", \"message\": \"";
   for (const Refusal& row : table) {
     std::string trace, out;
     for (const std::string& word : row.words) trace += word.substr(0, 40) + " ";
@@ -134,10 +131,7 @@ TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
     std::vector<std::string> argv = {DROVER_BINARY, "forward"};
     argv.insert(argv.end(), row.words.begin(), row.words.end());
     const ProcessResult r = runProcess(argv);
-    for (const std::string& message : row.messages) {
-      out += "{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" +
-             VERSION.substr(0, 27) + "\", \"message\": \"" + message + "\"}\n";
-    }
+    for (const std::string& message : row.messages) out += line + message + "\"}\n";
     // An abort cuts the last line short, and only a part of standard error is fixed.
     if (row.aborts) out.resize(out.empty() ? 0 : out.size() - 3);
     EXPECT_EQ(row.aborts ? r.signal : r.exitCode, row.aborts ? SIGABRT : 1);
