@@ -4,13 +4,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <regex>
-
 #include "tests/support/test_helpers.h"
 
 namespace {
-
-using ::testing::StartsWith;
 
 // The usage texts as help prints them; their first lines and lengths are checked below.
 const std::string USAGE = runProcess({DROVER_BINARY, "help"}).out;
@@ -18,10 +14,9 @@ const std::string FORWARD_USAGE = runProcess({DROVER_BINARY, "forward", "help"})
 const std::string VERSION = runProcess({DROVER_BINARY, "version"}).out;
 
 TEST(ProgramEntry, EachFirstWordGivesItsStatusAndStreams) {
-  EXPECT_THAT(USAGE, StartsWith("Usage: drover <subcommand> [help | ...]\n\nwhere subcommand"));
+  EXPECT_THAT(USAGE, ::testing::StartsWith("Usage: drover <subcommand> [help | ...]\n\n"));
   EXPECT_EQ(std::count(USAGE.begin(), USAGE.end(), '\n'), 16);
-  ASSERT_TRUE(
-      std::regex_match(VERSION, std::regex("\\d{4}-\\d\\d-\\d\\d-[0-9a-f]{7}-[0-9a-f]{8}\n")));
+  EXPECT_THAT(VERSION, ::testing::MatchesRegex("[0-9]{4}(-[0-9]{2}){2}-[0-9a-f]{7}-[0-9a-f]{8}\n"));
   const std::string note = "\nNote: To get help for a subcommand, use ./drover <subcommand> help\n";
   using Run = std::tuple<std::vector<std::string>, int, std::string, std::string>;
   // Help with any second word adds the note only; further words of version are ignored.
@@ -51,13 +46,30 @@ struct Refusal {
   bool aborts = false;                // ends through SIGABRT
 };
 
+void expectRefusals(const std::vector<Refusal>& table) {
+  const std::string line = "{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" +
+                           VERSION.substr(0, 27) + "\", \"message\": \"";
+  for (const Refusal& row : table) {
+    std::string trace, out;
+    for (const std::string& word : row.words) trace += word.substr(0, 40) + " ";
+    SCOPED_TRACE(trace);
+    std::vector<std::string> argv = {DROVER_BINARY, "forward"};
+    argv.insert(argv.end(), row.words.begin(), row.words.end());
+    const ProcessResult r = runProcess(argv);
+    for (const std::string& message : row.messages) out += line + message + "\"}\n";
+    // An abort cuts the last line short, and only a part of standard error is fixed.
+    if (row.aborts) out.resize(out.empty() ? 0 : out.size() - 3);
+    EXPECT_EQ(row.aborts ? r.signal : r.exitCode, row.aborts ? SIGABRT : 1);
+    EXPECT_EQ(r.out.substr(0, row.aborts ? out.size() : std::string::npos), out);
+    EXPECT_TRUE(row.aborts ? r.err.find(row.err) != std::string::npos : r.err == row.err) << r.err;
+  }
+}
+
 TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
-  EXPECT_THAT(FORWARD_USAGE,
-              StartsWith("Usage: drover forward [<source spec> ...] [to <connection>]\n"));
+  EXPECT_THAT(FORWARD_USAGE, ::testing::StartsWith(
+                                 "Usage: drover forward [<source spec> ...] [to <connection>]\n"));
   EXPECT_EQ(std::count(FORWARD_USAGE.begin(), FORWARD_USAGE.end(), '\n'), 17);
-  const TempDir dir;
-  const std::string a = dir.file("a.log"), missing = dir.file("missing.log");
-  writeFile(a, "old line\n");
+  const std::string a = "/dev/null", missing = "/nonexistent.log";
   const std::string noTarget = "At least one log target must be specified via 'to' argument.";
   const std::string refusing =
       "Refusing startup: At least one log source is unavailable, i.e. likely misconfigured.";
@@ -67,10 +79,6 @@ TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
   const auto badPort = [](const std::string& why, const std::string& target) {
     return std::vector<std::string>{why, "Invalid connection string: " + target};
   };
-  // A blank makes a host name invalid: the lookup fails locally, without a name server.
-  const std::vector<std::string> unresolved = {
-      "Could not resolve: no such host:9000: Name or service not known",
-      "Could not resolve no such host:9000: Name or service not known"};
   const std::vector<Refusal> table = {
       {{}, {noTarget}},
       {{"to", "h:1"}, {"At least one log source must be specified."}},
@@ -109,35 +117,29 @@ TEST(ForwardCommandLine, EachRefusalIsItsLinesAndStatus) {
        {"Could not open " + missing + noFile, refusing}},
       // The file of `tail to t` is named "to".
       {{"tail", "to", "t", "to", "h:1"}, {"Could not open to" + noFile, refusing}},
-      {{"stream", a, "t", "to", "no such host:9000"}, unresolved},
-      // The connection made for the first target goes again without harm.
-      {{"stream", a, "t", "to", "127.0.0.1:9", "to", "no such host:9000"}, unresolved},
       // Only trailing garbage in a port is reported; no leading number throws, uncaught.
       {{"to", "h:abc"}, {}, terminate, true},
       {{"to", "h:"}, {}, terminate, true},
       {{"to", "h:99999999999"}, {}, terminate, true},
       // A directory's end reads as -1 once narrowed to 32 bits: the tail's start-up seek fails.
-      {{"tail", dir.path(), "t", "to", "h:1"},
+      {{"tail", "/tmp", "t", "to", "h:1"},
        {"Could not seek to end of file: "},
        "TailLogEventSource::TailLogEventSource",
        true},
   };
-  const std::string line = "{\"level\":\"ERROR\", \"application\":\"forward\", \"version\":\"" +
-                           VERSION.substr(0, 27) + "\", \"message\": \"";
-  for (const Refusal& row : table) {
-    std::string trace, out;
-    for (const std::string& word : row.words) trace += word.substr(0, 40) + " ";
-    SCOPED_TRACE(trace);
-    std::vector<std::string> argv = {DROVER_BINARY, "forward"};
-    argv.insert(argv.end(), row.words.begin(), row.words.end());
-    const ProcessResult r = runProcess(argv);
-    for (const std::string& message : row.messages) out += line + message + "\"}\n";
-    // An abort cuts the last line short, and only a part of standard error is fixed.
-    if (row.aborts) out.resize(out.empty() ? 0 : out.size() - 3);
-    EXPECT_EQ(row.aborts ? r.signal : r.exitCode, row.aborts ? SIGABRT : 1);
-    EXPECT_EQ(r.out.substr(0, row.aborts ? out.size() : std::string::npos), out);
-    EXPECT_TRUE(row.aborts ? r.err.find(row.err) != std::string::npos : r.err == row.err) << r.err;
-  }
+  expectRefusals(table);
+}
+
+TEST(ForwardCommandLine, UnresolvableTargetRefusesTheStart) {
+  // Apart from the table: the thread sanitizer can't follow the resolver's helper thread. A blank
+  // makes a host name invalid, so the lookup fails locally, without a name server; the connection
+  // made for a first target goes again without harm.
+  const std::vector<std::string> unresolved = {
+      "Could not resolve: no such host:9000: Name or service not known",
+      "Could not resolve no such host:9000: Name or service not known"};
+  expectRefusals(
+      {{{"stream", "/dev/null", "t", "to", "no such host:9000"}, unresolved},
+       {{"stream", "/dev/null", "t", "to", "127.0.0.1:9", "to", "no such host:9000"}, unresolved}});
 }
 
 }  // namespace
