@@ -1,4 +1,4 @@
-// Framing, splitting, the read slice and per-event delivery. A tail source on an empty file serves
+// Framing, splitting and per-event delivery. A tail source on an empty file serves
 // where only the framing matters: it reads what is written and waits at the end of the file.
 #include "sources/file_log_event_source.h"
 
@@ -50,20 +50,6 @@ TEST_F(FileLineFraming, LinesGoOutIn256EventBatchesAndAPartialLineWaits) {
           ::testing::MatchesRegex(
               R"(\{"level":"INFO", "message": "Event coding speed: [0-9]+ events per s"\})"),
           split));
-}
-
-TEST_F(FileLineFraming, ReadSliceEndsTheCallAfter1048416Bytes) {
-  auto source = makeSource();
-  // 134 divides the 65526-byte buffer: every read is full and leaves no partial line.
-  std::string content;
-  for (int i = 0; i < 8000; ++i) content += std::string(133, 'x') + "\n";
-  appendFile(path, content);
-  source->consume();
-  EXPECT_EQ(events.size() * 134, 1048416u);
-  EXPECT_THAT(logLines(), ElementsAre(logLine("ERROR", "Read slice expired.")));
-  source->consume();
-  EXPECT_EQ(events.size(), 8000u);
-  EXPECT_EQ(logLines().size(), 1u);
 }
 
 // With a prepend or an extractor each event is a sink call of its own; a refusal after k of them

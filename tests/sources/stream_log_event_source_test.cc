@@ -11,8 +11,8 @@ namespace {
 using ::testing::ElementsAre;
 using StreamSource = SourceFixture;
 
-// A regular file ends at its first empty read, without its unterminated line and deaf to later
-// growth; a file that cannot be opened is completed from the start and gets no wake-up.
+// A regular file is read a slice of sixteen full buffers per tick and ends at its first empty
+// read, without its unterminated line; a file that cannot be opened is completed from the start.
 TEST_F(StreamSource, AFileEndsAtItsFirstEmptyReadAndAMissingOneAtOnce) {
   const std::string missing = dir.file("missing");
   StreamLogEventSource absent(log, missing, "");
@@ -20,16 +20,22 @@ TEST_F(StreamSource, AFileEndsAtItsFirstEmptyReadAndAMissingOneAtOnce) {
   EXPECT_TRUE(absent.isCompleted());
   configure(absent);
   absent.registerAt(loop);
-  writeFile(path, "one\ntwo\nthree");
+  // 134 divides the 65526-byte buffer: every read is full and leaves no partial line.
+  std::string content;
+  for (int i = 0; i < 8000; ++i) content += std::string(133, 'x') + "\n";
+  writeFile(path, content + "three");
   StreamLogEventSource source(log, path, "token");
   configure(source);
   source.registerAt(loop);
+  ASSERT_TRUE(runUntil(loop, [&] { return !events.empty(); }));
+  EXPECT_EQ(events.size() * 134, 1048416u);
   ASSERT_TRUE(runUntil(loop, [&] { return source.isCompleted(); }));
   appendFile(path, "\nfour\n");
   runBriefly();
-  EXPECT_THAT(events, ElementsAre("one\n", "two\n"));
+  EXPECT_EQ(events.size(), 8000u);
   EXPECT_THAT(logLines(), ElementsAre(logLine("ERROR", "Could not open " + missing +
                                                            ": No such file or directory"),
+                                      logLine("ERROR", "Read slice expired."),
                                       logLine("INFO", "Stream at " + path + " has ended.")));
 }
 
