@@ -1,7 +1,6 @@
 #include "sources/stream_log_event_source.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,75 +9,72 @@
 namespace {
 
 using ::testing::ElementsAre;
+using StreamSource = SourceFixture;
 
-class StreamSource : public SourceFixture {
- protected:
-  const std::string fifo = dir.file("fifo");
-  const std::string ended = logLine("INFO", "Stream at " + fifo + " has ended.");
-};
-
-TEST_F(StreamSource, ARegularFileEndsAtItsFirstEmptyReadWithoutItsUnterminatedLine) {
-  const std::string path = dir.file("old.log");
-  writeFile(path, "one\ntwo\nthree");
+// A regular file is read a slice of sixteen full buffers per tick and ends at its first empty
+// read, without its unterminated line; a file that cannot be opened is completed from the start.
+TEST_F(StreamSource, AFileEndsAtItsFirstEmptyReadAndAMissingOneAtOnce) {
+  const std::string missing = dir.file("missing");
+  StreamLogEventSource absent(log, missing, "");
+  EXPECT_FALSE(absent.isAvailable());
+  EXPECT_TRUE(absent.isCompleted());
+  configure(absent);
+  absent.registerAt(loop);
+  // 134 divides the 65526-byte buffer: every read is full and leaves no partial line.
+  std::string content;
+  for (int i = 0; i < 8000; ++i) content += std::string(133, 'x') + "\n";
+  writeFile(path, content + "three");
   StreamLogEventSource source(log, path, "token");
   configure(source);
   source.registerAt(loop);
+  ASSERT_TRUE(runUntil(loop, [&] { return !events.empty(); }));
+  EXPECT_EQ(events.size() * 134, 1048416u);
   ASSERT_TRUE(runUntil(loop, [&] { return source.isCompleted(); }));
   appendFile(path, "\nfour\n");
   runBriefly();
-  EXPECT_THAT(sunk.events, ElementsAre("one\n", "two\n"));
-  EXPECT_THAT(logLines(), ElementsAre(logLine("INFO", "Stream at " + path + " has ended.")));
+  EXPECT_EQ(events.size(), 8000u);
+  EXPECT_THAT(logLines(), ElementsAre(logLine("ERROR", "Could not open " + missing +
+                                                           ": No such file or directory"),
+                                      logLine("ERROR", "Read slice expired."),
+                                      logLine("INFO", "Stream at " + path + " has ended.")));
 }
 
-TEST_F(StreamSource, AFifoWaitsSilentlyUntilItsLastWriterHasGone) {
+// A FIFO's life: a refused batch waits for the one-second retry (on an emptied pipe nothing else
+// wakes the source), the empty pipe's EAGAIN is silent, the end comes with the last writer and
+// drops the unterminated line, and a retry that fires after the end reads the dropped descriptor
+// once.
+TEST_F(StreamSource, AFifoRetriesRefusalsAndEndsWhenItsLastWriterHasGone) {
+  const std::string fifo = dir.file("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   StreamLogEventSource source(log, fifo, "token");
   configure(source);
   source.registerAt(loop);
   source.registerAt(loop);  // allowed: unregistering clears the binding
   const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  ASSERT_EQ(write(writer, "a\n", 2), 2);
-  ASSERT_TRUE(runUntil(loop, [&] { return sunk.events.size() == 1; }));
+  accept = [] { return false; };
+  ASSERT_EQ(write(writer, "a\nb\nc\n", 6), 6);
+  // The batch of three, then the first line alone, which arms the retry.
+  ASSERT_TRUE(runUntil(loop, [&] { return refusals() == 2; }));
+  const auto refused = std::chrono::steady_clock::now();
+  accept = [] { return true; };
+  ASSERT_TRUE(runUntil(loop, [&] { return events.size() == 3; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - refused, std::chrono::milliseconds(900));
   runBriefly();
   EXPECT_EQ(out.str(), "");
   EXPECT_FALSE(source.isCompleted());
 
-  ASSERT_EQ(write(writer, "b\nc", 3), 3);
+  // Refused twice again; the hang-up wakes the source at once, the line goes out and the stream
+  // ends before the retry fires.
+  accept = [&, before = calls] { return calls > before + 2; };
+  ASSERT_EQ(write(writer, "d\ne", 3), 3);
   close(writer);
-  ASSERT_TRUE(runUntil(loop, [&] { return source.isCompleted(); }));
-  EXPECT_THAT(sunk.events, ElementsAre("a\n", "b\n"));
-  EXPECT_THAT(logLines(), ElementsAre(ended));
-}
-
-TEST_F(StreamSource, ARetryAfterTheEndReadsTheDroppedDescriptorOnce) {
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  StreamLogEventSource source(log, fifo, "token");
-  configure(source);
-  source.registerAt(loop);
-  const int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  ASSERT_EQ(write(writer, "a\n", 2), 2);
-  close(writer);
-  // Batch and single line are refused, arming the retry; the hang-up wakes the source at once,
-  // the line goes out and the stream ends before the retry fires.
-  sunk.accept = [&](uint32_t) { return sunk.calls > 2; };
-  ASSERT_TRUE(runUntil(
-      loop, [&] { return logLines().size() == 2; }, std::chrono::seconds(3)));
+  ASSERT_TRUE(runUntil(loop, [&] { return logLines().size() == 2; }));
   runBriefly();
-  EXPECT_THAT(sunk.events, ElementsAre("a\n"));
-  EXPECT_THAT(logLines(), ElementsAre(ended, logLine("ERROR", "Could not read from file " + fifo +
-                                                                  ": Bad file descriptor")));
-}
-
-TEST_F(StreamSource, AFileThatCannotBeOpenedIsCompletedAndGetsNoWakeUp) {
-  const std::string missing = dir.file("missing");
-  StreamLogEventSource source(log, missing, "");
-  EXPECT_FALSE(source.isAvailable());
   EXPECT_TRUE(source.isCompleted());
-  configure(source);
-  source.registerAt(loop);
-  runBriefly();
-  EXPECT_THAT(logLines(), ElementsAre(logLine("ERROR", "Could not open " + missing +
-                                                           ": No such file or directory")));
+  EXPECT_THAT(events, ElementsAre("a\n", "b\n", "c\n", "d\n"));
+  EXPECT_THAT(logLines(), ElementsAre(logLine("INFO", "Stream at " + fifo + " has ended."),
+                                      logLine("ERROR", "Could not read from file " + fifo +
+                                                           ": Bad file descriptor")));
 }
 
 }  // namespace

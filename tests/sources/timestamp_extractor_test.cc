@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "loop/event_loop.h"
 
@@ -17,70 +18,57 @@ uint64_t timeOfLine(TimestampExtractor& extractor, const std::string& line) {
   return extractor.timeOf(EphemeralLogEvent{bytes, bytes + line.size()});
 }
 
-TEST(FirstIsoExtractorLines, EachLineGetsItsFirstTimeOrThePreviousOne) {
-  const std::pair<std::string, uint64_t> cases[] = {
-      {"2024-05-06 07:08:09 text\n", MAY_6},
-      {"2024-05-06T07:08:09 text\n", MAY_6},
-      {"2024-05-06 07:08:09.5\n", MAY_6 + 500000000},
-      {"2024-05-06 07:08:09,5\n", MAY_6 + 500000000},
-      {"x 2024-05-06 07:08:09.123456789 y\n", MAY_6 + 123456789},
-      {"x 2024-05-06 07:08:09.1234567891 y\n", MAY_6 + 123456789},
-      {"2024-05-06 07:08:09+02:00 text\n", MAY_6},  // the zone isn't part of the candidate
-      {"at 2024-05-06 07:08:09", MAY_6},            // ends right after the seconds
-      {"12024-05-06 07:08:09\n", PREVIOUS},
-      {"2024-13-45 07:08:09 then 2024-05-06 07:08:09\n", PREVIOUS},  // first candidate only
-      {"2024-05-06 07:08:09.\n", PREVIOUS},
-      {"2024-05-06\n", PREVIOUS},
-      {"\n", PREVIOUS},
-      {"", PREVIOUS},
+// Lines go through an extractor, which keeps the previous time where a line has none; texts go
+// straight to the parser, whose lack of a value reads as PREVIOUS here.
+TEST(Timestamps, LinesGetTheirFirstTimeAndTextsParseWithZonesAndFractions) {
+  const std::tuple<bool, std::string, uint64_t> cases[] = {
+      {true, "2024-05-06 07:08:09 text\n", MAY_6},
+      {true, "2024-05-06T07:08:09 text\n", MAY_6},
+      {true, "2024-05-06 07:08:09.5\n", MAY_6 + 500000000},
+      {true, "2024-05-06 07:08:09,5\n", MAY_6 + 500000000},
+      {true, "x 2024-05-06 07:08:09.123456789 y\n", MAY_6 + 123456789},
+      {true, "x 2024-05-06 07:08:09.1234567891 y\n", MAY_6 + 123456789},
+      {true, "2024-05-06 07:08:09+02:00 text\n", MAY_6},  // the zone isn't part of the candidate
+      {true, "at 2024-05-06 07:08:09", MAY_6},            // ends right after the seconds
+      {true, "12024-05-06 07:08:09\n", PREVIOUS},
+      {true, "2024-13-45 07:08:09 then 2024-05-06 07:08:09\n", PREVIOUS},  // first candidate only
+      {true, "2024-05-06 07:08:09.\n", PREVIOUS},
+      {true, "2024-05-06\n", PREVIOUS},
+      {true, "\n", PREVIOUS},
+      {true, "", PREVIOUS},
+      {false, "2024-05-06T07:08:09.25Z", MAY_6 + 250000000},
+      {false, "2024-05-06T07:08:09+02:00", MAY_6 - 7200 * SECOND},
+      {false, "2024-05-06 07:08:09-01:30", MAY_6 + 5400 * SECOND},
+      {false, "2024-05-06", 1714953600ull * SECOND},
+      {false, "2024-05-06 07:08:09.1234567890", PREVIOUS},
+      {false, "2024-05-06 07:08:09.5x", PREVIOUS},
+      {false, "1969-12-31 23:59:59", ~0ull - SECOND + 1},  // wraps around instead of failing
+      {false, "1970-01-01 00:00:00+00:01", PREVIOUS},
+      {false, "", PREVIOUS},
   };
-  for (const auto& [line, expected] : cases) {
-    SCOPED_TRACE(line);
+  for (const auto& [line, text, expected] : cases) {
     FirstIsoExtractor extractor(PREVIOUS);
-    EXPECT_EQ(timeOfLine(extractor, line), expected);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    const auto parsed = parseIsoTime(bytes, bytes + text.size());
+    EXPECT_EQ(line ? timeOfLine(extractor, text) : parsed.value_or(PREVIOUS), expected) << text;
   }
   FirstIsoExtractor extractor(PREVIOUS);
   timeOfLine(extractor, "2024-05-06 07:08:09 sets the time\n");
   EXPECT_EQ(timeOfLine(extractor, "2024-13-45 07:08:09 keeps it\n"), MAY_6);
 }
 
-TEST(IsoTimeParser, ZonesFormatsAndFractions) {
-  const std::pair<std::string, std::optional<uint64_t>> cases[] = {
-      {"2024-05-06T07:08:09.25Z", MAY_6 + 250000000},
-      {"2024-05-06T07:08:09+02:00", MAY_6 - 7200 * SECOND},
-      {"2024-05-06 07:08:09-01:30", MAY_6 + 5400 * SECOND},
-      {"2024-05-06", 1714953600ull * SECOND},
-      {"2024-05-06 07:08:09.1234567890", std::nullopt},
-      {"2024-05-06 07:08:09.5x", std::nullopt},
-      {"1969-12-31 23:59:59", ~0ull - SECOND + 1},  // wraps around instead of failing
-      {"1970-01-01 00:00:00+00:01", std::nullopt},
-      {"", std::nullopt},
-  };
-  for (const auto& [text, expected] : cases) {
-    SCOPED_TRACE(text);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-    EXPECT_EQ(parseIsoTime(bytes, bytes + text.size()), expected);
-  }
-}
-
 TEST(TimeSourceFactory, NamesAreMatchedExactly) {
   const TimeSource system = makeTimeSource("system");
-  ASSERT_TRUE(system.extractor.has_value());
-  EXPECT_EQ(*system.extractor, nullptr);
-  EXPECT_EQ(system.error, "");
-
+  EXPECT_TRUE(system.error.empty() && system.extractor.has_value() && !*system.extractor);
   const uint64_t before = wallClockNanos();
   TimeSource firstIso = makeTimeSource("first-iso");
   ASSERT_TRUE(firstIso.extractor.has_value() && *firstIso.extractor);
   // Until a line has a time, lines get the moment the extractor was made.
   const uint64_t initial = timeOfLine(**firstIso.extractor, "\n");
-  EXPECT_GE(initial, before);
-  EXPECT_LE(initial, wallClockNanos());
-
+  EXPECT_TRUE(before <= initial && initial <= wallClockNanos());
   for (const std::string text : {"System", "first-iso ", ""}) {
-    const TimeSource unknown = makeTimeSource(text);
-    EXPECT_EQ(unknown.error, "Unknown timestamp source");
-    EXPECT_FALSE(unknown.extractor.has_value());
+    EXPECT_EQ(makeTimeSource(text).error, "Unknown timestamp source") << text;
+    EXPECT_FALSE(makeTimeSource(text).extractor.has_value()) << text;
   }
 }
 
