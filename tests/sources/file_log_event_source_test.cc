@@ -27,9 +27,9 @@ class FileLineFraming : public SourceFixture {
 // Ends with a line longer than the buffer, which is compacted, then cut at its size.
 TEST_F(FileLineFraming, LinesGoOutIn256EventBatchesAndAPartialLineWaits) {
   auto source = makeSource();
-  appendFile(path, "a\nb\n\n3\n4\n5\n6\n7\n8\n9\nhal");
+  appendFile(path, "a\nb\n\n3\n4\n5\n6\n7\n8\n9\nhalf");
   source->consume();
-  appendFile(path, "f\n");
+  appendFile(path, "\n");  // a read of one byte counts too
   source->consume();
   EXPECT_THAT(events, ::testing::ElementsAreArray({"a\n", "b\n", "\n", "3\n", "4\n", "5\n", "6\n",
                                                    "7\n", "8\n", "9\n", "half\n"}));

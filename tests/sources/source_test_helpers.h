@@ -49,10 +49,7 @@ class SourceFixture : public ::testing::Test {
 
   size_t refusals() const { return calls - batchSizes.size(); }
 
-  void runBriefly() {
-    runUntil(
-        loop, [] { return false; }, std::chrono::milliseconds(50));
-  }
+  void runBriefly() { runUntil(loop, never, std::chrono::milliseconds(50)); }
 
   std::ostringstream out;
   Log log{out};
@@ -65,4 +62,5 @@ class SourceFixture : public ::testing::Test {
   std::vector<uint64_t> times;
   size_t calls = 0;
   std::function<bool()> accept = [] { return true; };
+  const std::function<bool()> never = [] { return false; };
 };
