@@ -1,7 +1,6 @@
 #include "tests/support/test_helpers.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,7 +12,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
 
 TempDir::TempDir() {
   char pattern[] = "/tmp/drover-test-XXXXXX";
@@ -43,20 +41,6 @@ std::string readFile(const std::string& path) {
 
 namespace {
 
-void drainInto(int fd, std::string& sink, bool& open) {
-  char chunk[65536];
-  const ssize_t got = read(fd, chunk, sizeof chunk);
-  if (got > 0) {
-    sink.append(chunk, static_cast<size_t>(got));
-  } else if (got == 0 || errno != EINTR) {
-    open = false;
-  }
-}
-
-}  // namespace
-
-namespace {
-
 // In a child between fork and exec: it dies with the test, so that a test that crashes or is
 // ended at its time-out leaves no agent or endpoint running behind it. `parent` is the test's
 // pid, taken before the fork: if the test is gone already, the signal would never come.
@@ -68,79 +52,35 @@ void dieWithParent(pid_t parent) {
 
 ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
                          const std::string& cwd, const std::string& input) {
-  // An EventLoop ignores SIGCHLD for the whole process, which would let the kernel reap the
-  // child before waitpid sees its status.
-  signal(SIGCHLD, SIG_DFL);
-  int outPipe[2], errPipe[2], inPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) || pipe2(errPipe, O_CLOEXEC) || pipe2(inPipe, O_CLOEXEC)) {
-    throw std::runtime_error("pipe failed");
-  }
-  const pid_t parent = getpid();
-  const pid_t child = fork();
-  if (child == 0) {
-    dieWithParent(parent);
-    dup2(inPipe[0], 0);
-    dup2(outPipe[1], 1);
-    dup2(errPipe[1], 2);
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
-    std::vector<char*> args;
-    for (const std::string& word : argv) args.push_back(const_cast<char*>(word.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  close(outPipe[1]);
-  close(errPipe[1]);
-  close(inPipe[0]);
-  if (!input.empty()) {
-    // Small inputs only: larger ones would need the poll loop to write too.
-    (void)!write(inPipe[1], input.data(), input.size());
-  }
-  close(inPipe[1]);
-
+  const TempDir files;
+  writeFile(files.file("in"), input);
+  ChildProcess child(argv, files.file("out"), files.file("err"), cwd, files.file("in"));
   ProcessResult result;
-  bool outOpen = true, errOpen = true;
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (outOpen || errOpen) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      result.timedOut = true;
-      kill(child, SIGKILL);
-      break;
-    }
-    pollfd fds[2] = {{outOpen ? outPipe[0] : -1, POLLIN, 0}, {errOpen ? errPipe[0] : -1, POLLIN, 0}};
-    if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR) break;
-    if (fds[0].revents) drainInto(outPipe[0], result.out, outOpen);
-    if (fds[1].revents) drainInto(errPipe[0], result.err, errOpen);
+  result.timedOut = !child.wait(timeout);
+  if (result.timedOut) {
+    child.signal(SIGKILL);
+    child.wait(std::chrono::seconds(10));
   }
-  close(outPipe[0]);
-  close(errPipe[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (WIFEXITED(status)) result.exitCode = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) result.signal = WTERMSIG(status);
+  result.exitCode = child.exitCode();
+  result.signal = child.exitSignal();
+  result.out = readFile(files.file("out"));
+  result.err = readFile(files.file("err"));
   return result;
 }
 
 std::vector<std::string> splitLines(const std::string& text) {
   std::vector<std::string> lines;
-  std::string::size_type start = 0;
-  while (start < text.size()) {
-    const auto end = text.find('\n', start);
-    if (end == std::string::npos) {
-      lines.push_back(text.substr(start));
-      break;
-    }
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
-                           const std::string& errPath, const std::string& cwd) {
-  ::signal(SIGCHLD, SIG_DFL);  // see runProcess
+                           const std::string& errPath, const std::string& cwd,
+                           const std::string& inPath) {
+  // An EventLoop ignores SIGCHLD for the whole process, which would let the kernel reap the
+  // child before waitpid sees its status.
+  ::signal(SIGCHLD, SIG_DFL);
   // Closed by the exec: until then /proc still shows this process's image in the child, and a
   // peak taken that early would be ours, not the program's.
   int execDone[2];
@@ -150,7 +90,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
   if (child == 0) {
     dieWithParent(parent);
     close(execDone[0]);
-    const int in = open("/dev/null", O_RDONLY);
+    const int in = open(inPath.c_str(), O_RDONLY);
     const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (in < 0 || out < 0 || err < 0) _exit(127);
@@ -179,7 +119,9 @@ ChildProcess::~ChildProcess() {
   }
 }
 
-void ChildProcess::signal(int number) const { kill(child, number); }
+void ChildProcess::signal(int number) const {
+  kill(child, number);
+}
 
 bool ChildProcess::wait(std::chrono::milliseconds limit) {
   if (reaped) return true;

@@ -36,8 +36,8 @@ bool runUntil(EventLoop& loop, const std::function<bool()>& done,
               std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 struct ProcessResult {
-  int exitCode = -1;    // exit status, or -1 if the process did not exit normally
-  int signal = 0;       // terminating signal, 0 if it exited
+  int exitCode = -1;  // exit status, or -1 if the process did not exit normally
+  int signal = 0;     // terminating signal, 0 if it exited
   bool timedOut = false;
   std::string out;
   std::string err;
@@ -57,7 +57,8 @@ std::vector<std::string> splitLines(const std::string& text);
 class ChildProcess {
  public:
   ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
-               const std::string& errPath, const std::string& cwd = "");
+               const std::string& errPath, const std::string& cwd = "",
+               const std::string& inPath = "/dev/null");
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
