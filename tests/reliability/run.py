@@ -339,24 +339,26 @@ def wait_delivered(paths_of, expected, limit, settle=1.5):
     return last
 
 
-class Row(dict):
-    """One line of the table."""
+COLUMNS = ("lines", "lost", "duplicated", "reordered", "corrupted", "p50_ms", "p99_ms",
+           "peak_rss_kb")
+
+
+def Row(scenario, ok, notes, **figures):
+    """One line of the table; a figure not given shows as "-"."""
+    return dict({key: None for key in COLUMNS}, scenario=scenario, ok=ok, notes=notes, **figures)
 
 
 def make_row(name, report, agent=None, ok=True, notes=""):
     total = checker.totals(report)
     clean = total["lost"] == 0 and total["corrupted"] == 0
-    return Row(scenario=name, lines=total["generated"], lost=total["lost"],
+    return Row(name, bool(ok and clean), notes, lines=total["generated"], lost=total["lost"],
                duplicated=total["duplicated"], reordered=total["reordered"],
                corrupted=total["corrupted"], p50_ms=total["delay_p50_ms"],
-               p99_ms=total["delay_p99_ms"], peak_rss_kb=agent.peak_kb if agent else None,
-               ok=bool(ok and clean), notes=notes)
+               p99_ms=total["delay_p99_ms"], peak_rss_kb=agent.peak_kb if agent else None)
 
 
 def fatal_row(name, lines, agent, ok, notes):
-    return Row(scenario=name, lines=lines, lost=None, duplicated=None, reordered=None,
-               corrupted=None, p50_ms=None, p99_ms=None, peak_rss_kb=agent.peak_kb, ok=ok,
-               notes=notes)
+    return Row(name, ok, notes, lines=lines, peak_rss_kb=agent.peak_kb)
 
 
 def tail_job(ctx, filename, token, sink_flags=(), suffix="", wait=True):
@@ -610,12 +612,11 @@ def byte_transparency(ctx):
         extra = max(0, len(received) - len(events))
         split = sum(1 for e in events if not e.endswith(b"\n") or len(e) == 65527)
         ok = mismatched == 0 and lost == 0 and extra == 0 and undecodable == 0 and status == 0
-        rows.append(Row(scenario="6 bytes via %s" % token, lines=len(events), lost=lost,
-                        duplicated=extra, reordered=None, corrupted=mismatched + undecodable,
-                        p50_ms=None, p99_ms=None, peak_rss_kb=agent.peak_kb, ok=ok,
-                        notes="%d events, %d bytes, %d forced splits; byte-exact: %s" % (
-                            len(events), sum(map(len, events)), split,
-                            mismatched == 0 and lost == 0)))
+        rows.append(Row("6 bytes via %s" % token, ok, "%d events, %d bytes, %d forced splits; "
+                        "byte-exact: %s" % (len(events), sum(map(len, events)), split,
+                                            mismatched == 0 and lost == 0),
+                        lines=len(events), lost=lost, duplicated=extra,
+                        corrupted=mismatched + undecodable, peak_rss_kb=agent.peak_kb))
     return rows
 
 
@@ -855,9 +856,8 @@ def service_runner(ctx):
     notes = ("phases %s; missing file: status %d; group-writable words: status %d" % (
         ", ".join("%s->%s (%s)" % (how, status, exe) for _, status, how, exe in phases),
         refused.returncode, open_file.returncode))
-    return [Row(scenario="8 service runner: SIGINT, abort, restart", lines=per_phase * 3,
-                lost=lost, duplicated=duplicated, reordered=None, corrupted=foreign,
-                p50_ms=None, p99_ms=None, peak_rss_kb=None, ok=ok, notes=notes)]
+    return [Row("8 service runner: SIGINT, abort, restart", ok, notes, lines=per_phase * 3,
+                lost=lost, duplicated=duplicated, corrupted=foreign)]
 
 
 def _prefixed_counts(sink, prefix):
@@ -953,9 +953,7 @@ def main(extra=None):
             produced = SCENARIOS[name](ctx)
         except Exception as failure:  # noqa: BLE001 - one broken scenario must not hide the rest
             traceback.print_exc()
-            produced = [Row(scenario=name, lines=None, lost=None, duplicated=None, reordered=None,
-                            corrupted=None, p50_ms=None, p99_ms=None, peak_rss_kb=None, ok=False,
-                            notes="harness stopped: %s" % failure)]
+            produced = [Row(name, False, "harness stopped: %s" % failure)]
         finally:
             ctx.cleanup()
         for row in produced:
