@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets of fuzz/ with clang (build/fuzz) and runs them one after the other,
-# one job each, then prints executions, coverage and findings per target.
+# Builds the libFuzzer targets of fuzz/ in the clang build of scripts/sanitize.sh (build/asan,
+# AddressSanitizer and UndefinedBehaviorSanitizer) and runs them one after the other, one job each,
+# then prints executions, coverage and findings per target.
 #
 # Usage: scripts/fuzz.sh [seconds]   run each target that long (default 600)
 #        scripts/fuzz.sh --smoke     a few seconds each, from the committed corpus (for CI)
 #        scripts/fuzz.sh --build-only
 #
-# Inputs found while fuzzing go to build/fuzz/corpus/<target>; the committed seeds in
-# fuzz/corpus/<target> are read, never written. Crashing inputs land in build/fuzz/findings/.
+# Inputs found while fuzzing go to build/asan/corpus/<target>; the committed seeds in
+# fuzz/corpus/<target> are read, never written. Crashing inputs land in build/asan/findings/.
 # A finding makes the script fail; fix the fault, add a regression test and put the input into
 # fuzz/corpus/<target>.
 set -euo pipefail
@@ -27,12 +28,8 @@ elif [ -n "${1:-}" ]; then
 fi
 
 targets=(receive_path timestamp forward_grammar json_string)
-build=build/fuzz
-cmake -S . -B "$build" -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DDROVER_TESTS=OFF -DDROVER_BENCHMARKS=OFF -DDROVER_FUZZ=ON \
-  -DDROVER_SANITIZE=fuzzer-no-link,address,undefined \
-  -DCMAKE_CXX_FLAGS="-Wno-unknown-warning-option" >/dev/null
-cmake --build "$build" -j2 --target "${targets[@]/#/fuzz_}"
+build=build/asan
+scripts/sanitize.sh --build-only asan
 $build_only && exit 0
 
 export ASAN_OPTIONS="detect_leaks=1:detect_stack_use_after_return=1"

@@ -439,17 +439,20 @@ def logrotate_rotation(ctx):
     """Debian's logrotate, forced at the allowed pace, with the example the package ships."""
     rate = 2_000
     first, every, count = (5, 40, 2) if ctx.short else (5, 60, 5)
-    # Writing goes on a little past the last move; its file is read from the reopen on.
-    seconds = first + every * (count - 1) + 5
+    # Writing goes on a little past the last move; its file is read from the reopen on, at most a
+    # read slice (1 MiB) at once, and the rest would wait for a write that no longer comes: so
+    # under 1 MiB goes there.
+    seconds = first + every * (count - 1) + 3
     lines = rate * seconds
     source, sink, agent = tail_job(ctx, "app.log", "tok-11")
     gen = Generator(ctx, source, lines, rate, extra=["--reopen-on-hup"])
     config = _adapt_logrotate_example(ctx, source, gen.process.pid)
     state = ctx.path("logrotate.state")
-    started = time.monotonic()
     rotated = 0
     for index in range(count):
-        time.sleep(max(0.0, started + first + index * every - time.monotonic()))
+        # Timed by the writer's progress: a loaded machine may start it late.
+        if not wait_for(lambda: gen.written() >= rate * (first + index * every), every * 2):
+            raise Failure("the writer is stuck at %d lines" % gen.written())
         done = subprocess.run(["logrotate", "-f", "-s", state, config], capture_output=True)
         if done.returncode != 0 or done.stderr:
             raise Failure("logrotate failed (%d): %r" % (done.returncode, done.stderr[-300:]))
@@ -492,7 +495,9 @@ def _adapt_logrotate_example(ctx, path, writer_pid):
 # --- 5. Slow endpoint behind a pipe ------------------------------------------------------------
 
 def slow_endpoint(ctx):
-    lines = 100_000 if ctx.short else 500_000
+    # The socket buffers, the agent's queue and the sink's output can hold 10 MB and more between
+    # them, so the run must be several times that for the producer to feel the endpoint.
+    lines = 200_000 if ctx.short else 500_000
     bytes_per_second = 2_000_000
     sink = Sink(ctx, stdout_pipe=True)
     output = sink.outputs[-1]
