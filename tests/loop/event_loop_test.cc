@@ -283,7 +283,8 @@ class EventLoopDeathTest : public InotifyWatches {
   }
 };
 
-TEST_F(EventLoopDeathTest, ListenerMisuseAndAFailingWait) {
+// Listener misuse, a failing wait, malformed inotify records and a watch the kernel dropped.
+TEST_F(EventLoopDeathTest, ProgramErrorsAndFailedSystemCallsStopTheProcess) {
   Pipe pipe;
   Recorder listener;
   EXPECT_DEATH(loop.removeEpollListener(&listener), "existing != epollListenersReverse.end\\(\\)");
@@ -292,14 +293,10 @@ TEST_F(EventLoopDeathTest, ListenerMisuseAndAFailingWait) {
   loop.removeEpollListener(&listener);
   EXPECT_DEATH((close(newest("[eventpoll]")), runPasses(1)),
                "Epoll call failed: Bad file descriptor");
-}
 
-TEST_F(EventLoopDeathTest, MalformedInotifyRecordsAndAWatchTheKernelDropped) {
   EXPECT_DEATH(feedInotifyBytes("abc"), "ret % alignof\\(inotify_event\\) == 0");
-  inotify_event header{};
-  header.wd = 12345;
-  header.len = 3;
-  std::string record(reinterpret_cast<const char*>(&header), sizeof header);
+  const inotify_event header{.wd = 12345, .mask = 0, .cookie = 0, .len = 3};
+  const std::string record(reinterpret_cast<const char*>(&header), sizeof header);
   EXPECT_DEATH(feedInotifyBytes(record + std::string(4, '\0')),
                "\\(sizeof\\(inotify_event\\) \\+ event->len\\) % alignof\\(inotify_event\\) == 0");
   // A deleted file's watch is gone in the kernel but stays in the loop's maps; its last records
