@@ -44,11 +44,7 @@ class TlsConnection : public ::testing::Test {
     clientCalls.attach(*client);
     client->registerAt(&loop);
   }
-  void TearDown() override {
-    client.reset();
-    server.reset();
-    close(listener);
-  }
+  void TearDown() override { close(listener); }
   void acceptServer(bool tls) {
     const int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     ASSERT_NE(fd, -1);
