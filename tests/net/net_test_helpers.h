@@ -34,7 +34,6 @@ class TestConnection : public NetworkConnection {
   using NetworkConnection::loop;
   using NetworkConnection::NetworkConnection;
   using NetworkConnection::parseCommand;
-  using NetworkConnection::recvBufferSize;
   using NetworkConnection::sendBuffer;
   using NetworkConnection::sendBufferSize;
   using NetworkConnection::sendRead;
@@ -92,6 +91,18 @@ class RecordingAcceptor : public NetworkCmdAcceptor {
   CommandSet accepted;
   std::function<void()> onCommand;
 };
+
+/// Hands `con`'s commands of `ids` to a RecordingAcceptor.
+inline void record(NetworkConnection& con, std::vector<std::string>* seen,
+                   std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {
+  con.setHandler(std::make_unique<RecordingAcceptor>(seen, ids, std::move(after)));
+}
+
+/// Queues one packet on `con`.
+inline void queueOn(NetworkConnection& con, uint16_t command, const std::string& payload) {
+  NetworkConnection::OutgoingPacket packet(&con, command, static_cast<uint32_t>(payload.size()));
+  packet.writeBytes(payload.data(), payload.size());
+}
 
 /// Bytes written to `fd`'s peer that nobody has read yet.
 inline int unreadBytes(int fd) {
@@ -163,12 +174,10 @@ class ConnectionTest : public ::testing::Test {
     return all.substr(0, std::max<ssize_t>(n, 0));
   }
   void queuePacket(uint16_t command, const std::string& payload) {
-    NetworkConnection::OutgoingPacket packet(con.get(), command,
-                                             static_cast<uint32_t>(payload.size()));
-    packet.writeBytes(payload.data(), payload.size());
+    queueOn(*con, command, payload);
   }
   void acceptIds(std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {
-    con->setHandler(std::make_unique<RecordingAcceptor>(&seen, ids, std::move(after)));
+    record(*con, &seen, ids, std::move(after));
   }
 
   std::ostringstream out, loopOut;
