@@ -14,8 +14,6 @@ struct Reopen {
   std::chrono::seconds earliest, limit;
 };
 
-void PrintTo(const Reopen& reopen, std::ostream* out) { *out << (reopen.move ? "move" : "truncation"); }
-
 class TailReopen : public SourceFixture, public ::testing::WithParamInterface<Reopen> {};
 
 // The tail starts at the end. A truncation is found by the five-second check and reopens at once;
