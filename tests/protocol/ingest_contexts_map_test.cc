@@ -9,10 +9,6 @@
 
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Throws;
-using ::testing::ThrowsMessage;
-
 std::string mapLine(const std::string& message) {
   return R"({"level":"ERROR", "component":"IngestContextsMap", "message": ")" + message + "\"}";
 }
@@ -99,10 +95,11 @@ using IngestContextsDeathTest = IngestContexts;
 TEST_F(IngestContextsDeathTest, BrokenIdsEndTheProcess) {
   for (const char* token : {"a", "b", "c"}) map.registerContext({true, true, 1, token});
   TestConnection* con = connect();
-  EXPECT_THAT([&] { map.onContextRegistered(con, {7, ""}); }, Throws<std::out_of_range>());
-  EXPECT_THAT([&] { ack(con, 7); }, Throws<std::out_of_range>());
+  EXPECT_THROW(map.onContextRegistered(con, {7, ""}), std::out_of_range);
+  EXPECT_THROW(ack(con, 7), std::out_of_range);
   TestConnection stranger(Log(connectionOut), ConnectionInfo(), -1, false);
-  EXPECT_THAT([&] { ack(&stranger, 0); }, ThrowsMessage<std::out_of_range>(HasSubstr("map::at")));
+  EXPECT_THAT([&] { ack(&stranger, 0); },
+              testing::ThrowsMessage<std::out_of_range>(testing::HasSubstr("map::at")));
   // A question about a connection never added leaves an entry without bits, which the next
   // registration trips over.
   EXPECT_FALSE(map.isContextReady(0, &stranger));

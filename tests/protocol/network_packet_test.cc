@@ -7,7 +7,6 @@
 
 namespace {
 
-using ::testing::ElementsAre;
 using Packet = NetworkConnection::OutgoingPacket;
 using ::testing::PrintToString;
 
@@ -165,7 +164,7 @@ TEST_F(PacketReceiving, EachHeaderAndParseOutcomeWhateverTheReadsCut) {
     EXPECT_EQ(lines(), expected);
     EXPECT_EQ(calls.error, con->hasFailed() ? 1 : 0);
   }
-  EXPECT_THAT(seen, ElementsAre("error 'hi'", "error ''", "registered 7 'no'"));
+  EXPECT_THAT(seen, testing::ElementsAre("error 'hi'", "error ''", "registered 7 'no'"));
 }
 
 }  // namespace
