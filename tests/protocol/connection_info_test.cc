@@ -29,9 +29,9 @@ TEST(ConnectionInfoCopies, OwnTheirAddressAndCompareByIt) {
     const ConnectionInfo original(entry, {}), copy(original);
     return ConnectionInfo(copy);
   }();
-  const auto* self = reinterpret_cast<const uint8_t*>(&copyOfCopy);
-  const auto* addr = reinterpret_cast<const uint8_t*>(copyOfCopy.data.ai_addr);
-  EXPECT_TRUE(addr >= self && addr + sizeof(sockaddr_in6) <= self + sizeof(ConnectionInfo));
+  const uintptr_t offset = reinterpret_cast<uintptr_t>(copyOfCopy.data.ai_addr) -
+                           reinterpret_cast<uintptr_t>(&copyOfCopy);  // wraps if below it
+  EXPECT_LE(offset, sizeof(ConnectionInfo) - sizeof(sockaddr_in6));
   EXPECT_EQ(copyOfCopy, resolved);  // the texts differ, but they don't count
   ConnectionInfo assigned;
   assigned = copyOfCopy;
@@ -39,7 +39,6 @@ TEST(ConnectionInfoCopies, OwnTheirAddressAndCompareByIt) {
   EXPECT_EQ(assigned, copyOfCopy);
   // The port counts; the default is a real IPv4 address, 0.0.0.0 port 0.
   EXPECT_FALSE(loopbackInfo(9001, "a") == resolved);
-  EXPECT_EQ(testing::PrintToString(loopbackInfo(80, "::1")), "::1:80");  // the name, no brackets
   sockaddr_in any{};
   any.sin_family = AF_INET;
   entry.ai_addr = reinterpret_cast<sockaddr*>(&any);
@@ -48,18 +47,18 @@ TEST(ConnectionInfoCopies, OwnTheirAddressAndCompareByIt) {
 
 TEST(ConnectionInfoDeathTest, MalformedValuesStopTheProcess) {
   signal(SIGCHLD, SIG_DFL);
-  addrinfo tooLong{};
-  sockaddr_storage storage{};
-  tooLong.ai_addr = reinterpret_cast<sockaddr*>(&storage);
+  addrinfo tooLong{};  // stopped before its address is read
   tooLong.ai_addrlen = sizeof(sockaddr_in6) + 1;
   EXPECT_DEATH(ConnectionInfo(tooLong, ConnectionString()),
                "`data.ai_addrlen <= sizeof\\(sockaddr_in6\\)' failed");
-  EXPECT_DEATH(SerializedConnectionInfo(""), "`str.size\\(\\) > 0' failed");
-  EXPECT_DEATH(SerializedConnectionInfo(std::string(1, 4) + std::string(15, 0)),
-               "`size\\(\\) == 1 \\+ sizeof\\(sockaddr_in\\)' failed");
-  EXPECT_DEATH(SerializedConnectionInfo(std::string(1, 6) + std::string(16, 0)),
-               "`size\\(\\) == 1 \\+ sizeof\\(sockaddr_in6\\)' failed");
-  EXPECT_DEATH(SerializedConnectionInfo(std::string(17, 5)), "`false' failed");
+  // A tag and a body one byte short of its family's address, or an unknown tag.
+  const std::pair<std::string, std::string> serialized[] = {
+      {"", "`str.size\\(\\) > 0' failed"},
+      {std::string(1, 4) + std::string(15, 0), "== 1 \\+ sizeof\\(sockaddr_in\\)' failed"},
+      {std::string(1, 6) + std::string(16, 0), "== 1 \\+ sizeof\\(sockaddr_in6\\)' failed"},
+      {std::string(17, 5), "`false' failed"}};
+  for (const auto& [bytes, message] : serialized)
+    EXPECT_DEATH(SerializedConnectionInfo{bytes}, message) << bytes.size() << " bytes";
 }
 
 }  // namespace

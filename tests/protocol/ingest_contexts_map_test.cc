@@ -9,14 +9,6 @@
 
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::Throws;
-using ::testing::ThrowsMessage;
-
-std::string registration(const std::string& token, uint32_t context) {
-  return packet(2, std::string(1, static_cast<char>(token.size())) + token + le32(context));
-}
-
 std::string mapLine(const std::string& message) {
   return R"({"level":"ERROR", "component":"IngestContextsMap", "message": ")" + message + "\"}";
 }
@@ -49,13 +41,13 @@ TEST_F(IngestContexts, TokensAreRegisteredOnEveryConnectionAndAnswered) {
   EXPECT_EQ(map.registerContext({true, true, 1000000, "next"}), 1u);
   // A connection on a known address keeps its entry, bits included, and asks all the same.
   map.addConnection(one);
-  const std::string both = registration("first", 0) + registration("next", 1);
+  const std::string both = packet(2, "\5first" + le32(0)) + packet(2, "\4next" + le32(1));
   EXPECT_EQ(takeQueued(*one), both + both);
   EXPECT_EQ(takeQueued(*two), both);
   // Ready per connection and context; an id beyond the bits is just not ready.
   EXPECT_TRUE(map.isContextReady(0, one));
-  EXPECT_FALSE(map.isContextReady(1, one) || map.isContextReady(0, two));
-  EXPECT_FALSE(map.isContextReady(2, one));
+  EXPECT_FALSE(map.isContextReady(1, one) || map.isContextReady(0, two) ||
+               map.isContextReady(2, one));
 
   // The answer to a registration: the configuration (a packet of 93 bytes) with the options in name
   // order and the first source's settings; or, for a refusal, only a line through the map's log.
@@ -103,10 +95,11 @@ using IngestContextsDeathTest = IngestContexts;
 TEST_F(IngestContextsDeathTest, BrokenIdsEndTheProcess) {
   for (const char* token : {"a", "b", "c"}) map.registerContext({true, true, 1, token});
   TestConnection* con = connect();
-  EXPECT_THAT([&] { map.onContextRegistered(con, {7, ""}); }, Throws<std::out_of_range>());
-  EXPECT_THAT([&] { ack(con, 7); }, Throws<std::out_of_range>());
+  EXPECT_THROW(map.onContextRegistered(con, {7, ""}), std::out_of_range);
+  EXPECT_THROW(ack(con, 7), std::out_of_range);
   TestConnection stranger(Log(connectionOut), ConnectionInfo(), -1, false);
-  EXPECT_THAT([&] { ack(&stranger, 0); }, ThrowsMessage<std::out_of_range>(HasSubstr("map::at")));
+  EXPECT_THAT([&] { ack(&stranger, 0); },
+              testing::ThrowsMessage<std::out_of_range>(testing::HasSubstr("map::at")));
   // A question about a connection never added leaves an entry without bits, which the next
   // registration trips over.
   EXPECT_FALSE(map.isContextReady(0, &stranger));

@@ -44,12 +44,9 @@ TEST_F(FileLineFraming, LinesGoOutIn256EventBatchesAndAPartialLineWaits) {
   EXPECT_EQ(times[11], times[266]);
   EXPECT_EQ(events[611], std::string(65526, 'x') + "\n");
   EXPECT_EQ(events[612], std::string(70000 - 65526, 'x') + "\n");
-  EXPECT_THAT(
-      splitLines(out.str()),
-      ElementsAre(
-          ::testing::MatchesRegex(
-              R"(\{"level":"INFO", "message": "Event coding speed: [0-9]+ events per s"\})"),
-          split));
+  const std::string speed =
+      R"(\{"level":"INFO", "message": "Event coding speed: [0-9]+ events per s"\})";
+  EXPECT_THAT(splitLines(out.str()), ElementsAre(::testing::MatchesRegex(speed), split));
 }
 
 // With a prepend or an extractor each event is a sink call of its own; a refusal after k of them

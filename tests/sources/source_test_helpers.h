@@ -47,9 +47,10 @@ class SourceFixture : public ::testing::Test {
     return lines;
   }
 
-  size_t refusals() const { return calls - batchSizes.size(); }
-
-  void runBriefly() { runUntil(loop, never, std::chrono::milliseconds(50)); }
+  void runBriefly() {
+    runUntil(
+        loop, [] { return false; }, std::chrono::milliseconds(50));
+  }
 
   std::ostringstream out;
   Log log{out};
@@ -62,5 +63,4 @@ class SourceFixture : public ::testing::Test {
   std::vector<uint64_t> times;
   size_t calls = 0;
   std::function<bool()> accept = [] { return true; };
-  const std::function<bool()> never = [] { return false; };
 };
