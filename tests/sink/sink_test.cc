@@ -245,7 +245,8 @@ TEST_F(SinkTest, FaultsComeOnceAfterTheAcknowledgementsOnTheFaultyConnectionsOnl
   ASSERT_TRUE(run([&] { return second->acks.size() == 3; }));
   EXPECT_TRUE(second->errors.empty());
 
-  // Idle from the first event on, the sink ends by itself.
+  // An unaccepted command, after the acknowledgement too, fails the agent's side. Idle from the
+  // first event on, the sink then ends by itself.
   startSink({"--send-unaccepted-after", "1", "--exit-after-idle", "0.2"});
   auto client = negotiated();
   client->sendBatch(0, 1, {"x\n"});
