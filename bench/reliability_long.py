@@ -2,9 +2,10 @@
 """The long, measuring reliability scenarios, beside those of tests/reliability/run.py.
 
 They give the figures of the README's operating notes: a steady stream and tail, an endpoint that
-stalls, move rotation kept, too fast and deleted. Their pass/fail checks repeat what the test
-suite checks (the end-to-end tests stream, tail and stall; the tail source test and the logrotate
-scenario follow a moved file), so they run here, at full length, and not in CI.
+stalls, move rotation kept, too fast and deleted, an endpoint slowed by its output. Their
+pass/fail checks repeat what the test suite checks (the end-to-end tests stream, tail and stall;
+the tail source test and the logrotate scenario follow a moved file; the sink tests hold the
+agent back by a blocked output), so they run here, at full length, and not in CI.
 
   bench/reliability_long.py --drover PATH --sink PATH [run.py options] SCENARIO... | all
 """
@@ -12,7 +13,9 @@ scenario follow a moved file), so they run here, at full length, and not in CI.
 import concurrent.futures
 import os
 import signal
+import subprocess
 import sys
+import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests",
@@ -199,6 +202,54 @@ def _rotation_deleted(ctx):
 
 
 
+# --- 5. Slow endpoint behind a pipe ------------------------------------------------------------
+
+def slow_endpoint(ctx):
+    # The socket buffers, the agent's queue and the sink's output can hold 10 MB and more between
+    # them, so the run must be several times that for the producer to feel the endpoint.
+    lines = 200_000 if ctx.short else 500_000
+    bytes_per_second = 2_000_000
+    sink = Sink(ctx, stdout=subprocess.PIPE)
+    output = sink.outputs[-1]
+    reader = threading.Thread(target=_read_slowly,
+                              args=(sink.process.stdout, output, bytes_per_second), daemon=True)
+    reader.start()
+    producer = Generator(ctx, "-", lines, 0, name="producer", stdout=subprocess.PIPE)
+    agent = Agent(ctx, ["stream", "/dev/stdin", "tok-7", "to", sink.target()],
+                  stdin=producer.process.stdout)
+    producer.process.stdout.close()  # the agent holds the read end now
+    summary = producer.wait(lines * 400 // bytes_per_second + 120)
+    status = agent.wait_exit(120)
+    wait_delivered(lambda: [output], lines, 60)
+    sink.stop()
+    reader.join(30)
+    report = checker.check([output], {1: ("tok-7", lines)})
+    # Unhindered the producer writes these lines in well under a second.
+    paced = lines * 190 / bytes_per_second
+    blocked = summary["elapsed"] > 0.5 * paced
+    ok = blocked and status == 0
+    notes = ("producer took %.1f s (sink drained at %.1f MB/s, ~%.0f s of output), longest "
+             "write %.2f s; agent exit %s" % (summary["elapsed"], bytes_per_second / 1e6, paced,
+                                             summary["longest_write"], status))
+    return [make_row("5 slow endpoint, producer|stdin", report, agent, ok, notes)]
+
+
+def _read_slowly(pipe, path, rate):
+    started = time.monotonic()
+    taken = 0
+    with open(path, "wb") as out:
+        while True:
+            chunk = pipe.read1(65536) if hasattr(pipe, "read1") else pipe.read(65536)
+            if not chunk:
+                return
+            out.write(chunk)
+            out.flush()
+            taken += len(chunk)
+            ahead = taken / rate - (time.monotonic() - started)
+            if ahead > 0:
+                time.sleep(ahead)
+
+
 if __name__ == "__main__":
     sys.exit(main({"steady-stream": steady_stream, "steady-tail": steady_tail,
-                   "stall": endpoint_stalled, "rotate": rotation}))
+                   "stall": endpoint_stalled, "rotate": rotation, "slow": slow_endpoint}))

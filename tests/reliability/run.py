@@ -111,13 +111,12 @@ class Context:
 class Sink:
     """drover-sink runs on one port; each (re)start writes its own output file."""
 
-    def __init__(self, ctx, flags=(), name="sink", stdout_pipe=False, **spawn):
+    def __init__(self, ctx, flags=(), name="sink", **spawn):
         self.ctx = ctx
         self.flags = list(flags)
         self.name = name
         self.port = 0
         self.runs = []  # (process, output path, stderr path)
-        self.stdout_pipe = stdout_pipe
         self.spawn = spawn
         # Its own directory: a sink makes its certificate in the working directory, and sinks
         # started side by side would race for the file.
@@ -130,13 +129,10 @@ class Sink:
         output = self.ctx.path("%s.%d.json" % (self.name, index))
         argv = [self.ctx.sink_binary, "--listen", "%s:%d" % (HOST, self.port), "--print-port",
                 "--received-time"] + self.flags
-        extra = dict(self.spawn)
-        if self.stdout_pipe:
-            extra["stdout"] = subprocess.PIPE
-        else:
+        if "stdout" not in self.spawn:  # else the events go where the caller says
             argv += ["--out", output]
         run_name = "%s.%d" % (self.name, index)
-        process = self.ctx.spawn(argv, run_name, cwd=self.cwd, **extra)
+        process = self.ctx.spawn(argv, run_name, cwd=self.cwd, **self.spawn)
         err = self.ctx.path(run_name + ".err")
         self.runs.append((process, output, err))
         # The port line follows the "Listening on" line once the server stands.
@@ -492,54 +488,6 @@ def _adapt_logrotate_example(ctx, path, writer_pid):
     return config
 
 
-# --- 5. Slow endpoint behind a pipe ------------------------------------------------------------
-
-def slow_endpoint(ctx):
-    # The socket buffers, the agent's queue and the sink's output can hold 10 MB and more between
-    # them, so the run must be several times that for the producer to feel the endpoint.
-    lines = 200_000 if ctx.short else 500_000
-    bytes_per_second = 2_000_000
-    sink = Sink(ctx, stdout_pipe=True)
-    output = sink.outputs[-1]
-    reader = threading.Thread(target=_read_slowly,
-                              args=(sink.process.stdout, output, bytes_per_second), daemon=True)
-    reader.start()
-    producer = Generator(ctx, "-", lines, 0, name="producer", stdout=subprocess.PIPE)
-    agent = Agent(ctx, ["stream", "/dev/stdin", "tok-7", "to", sink.target()],
-                  stdin=producer.process.stdout)
-    producer.process.stdout.close()  # the agent holds the read end now
-    summary = producer.wait(lines * 400 // bytes_per_second + 120)
-    status = agent.wait_exit(120)
-    wait_delivered(lambda: [output], lines, 60)
-    sink.stop()
-    reader.join(30)
-    report = checker.check([output], {1: ("tok-7", lines)})
-    # Unhindered the producer writes these lines in well under a second.
-    paced = lines * 190 / bytes_per_second
-    blocked = summary["elapsed"] > 0.5 * paced
-    ok = blocked and status == 0
-    notes = ("producer took %.1f s (sink drained at %.1f MB/s, ~%.0f s of output), longest "
-             "write %.2f s; agent exit %s" % (summary["elapsed"], bytes_per_second / 1e6, paced,
-                                             summary["longest_write"], status))
-    return [make_row("5 slow endpoint, producer|stdin", report, agent, ok, notes)]
-
-
-def _read_slowly(pipe, path, rate):
-    started = time.monotonic()
-    taken = 0
-    with open(path, "wb") as out:
-        while True:
-            chunk = pipe.read1(65536) if hasattr(pipe, "read1") else pipe.read(65536)
-            if not chunk:
-                return
-            out.write(chunk)
-            out.flush()
-            taken += len(chunk)
-            ahead = taken / rate - (time.monotonic() - started)
-            if ahead > 0:
-                time.sleep(ahead)
-
-
 # --- 6. Byte transparency ----------------------------------------------------------------------
 
 def special_lines():
@@ -888,7 +836,6 @@ def _wait_prefixed(sink, prefix, src, lines, limit):
 
 SCENARIOS = {
     "kill": endpoint_killed,
-    "slow": slow_endpoint,
     "bytes": byte_transparency,
     "hostile": hostile_endpoint,
     "logrotate": logrotate_rotation,
