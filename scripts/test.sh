@@ -41,5 +41,12 @@ if ((side_status != 0)); then
   echo "test.sh: a sanitizer build failed, see $side_log" >&2
   exit 1
 fi
-scripts/sanitize.sh
-scripts/fuzz.sh --smoke
+# The two sanitizer runs use builds of their own and mostly wait, so they go side by side; the
+# fuzz smoke pass, a few seconds of one core, follows the ASan run whose build it shares.
+scripts/sanitize.sh tsan >build/sanitize-tsan.log 2>&1 &
+tsan=$!
+status=0
+{ scripts/sanitize.sh asan && scripts/fuzz.sh --smoke; } >build/sanitize-asan.log 2>&1 || status=1
+wait "$tsan" || status=1
+cat build/sanitize-asan.log build/sanitize-tsan.log
+exit "$status"

@@ -94,6 +94,30 @@ TEST(EndToEnd, BigStreamThroughAStallArrivesWholeInOrderAndTheRunEndsByItself) {
       << log;
 }
 
+// A stream that sends nothing ends the run by itself once its connection is up. (Input that ends
+// while the connection is still being made leaves the run waiting for SIGINT: finishing a
+// connection that is connecting fails it.)
+TEST(EndToEnd, EmptyStreamEndsByItselfOnceConnected) {
+  AgentRun run({});
+  const std::string fifo = run.dir.file("pipe");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  run.start({"stream", fifo, "t"});
+  const int writer = open(fifo.c_str(), O_WRONLY);
+  EXPECT_TRUE(waitFor(
+      [&] {
+        return readFile(run.dir.file("sink.err")).find("Accepted a connection") !=
+               std::string::npos;
+      },
+      10s));
+  usleep(300000);  // the handshake
+  close(writer);
+  ASSERT_TRUE(run.agent->wait(30s)) << run.log();
+  EXPECT_EQ(run.agent->exitCode(), 0);
+  EXPECT_EQ(countOf(run.log(), "All sources completed. Waiting for sending connections to close."),
+            1u);
+  EXPECT_EQ(run.received(), "");
+}
+
 TEST(EndToEnd, FaultyEndpointsAreReplacedAndTailsLoseNothing) {
   // Each endpoint fails the first of two connections in its own way, and the connection check
   // replaces it five seconds in; the agents run side by side. Fewer lines than the queue's limit,
@@ -122,6 +146,7 @@ TEST(EndToEnd, FaultyEndpointsAreReplacedAndTailsLoseNothing) {
     AgentRun& run = *runs[i];
     EXPECT_TRUE(run.logs(faults[i].second));
     EXPECT_TRUE(run.logs("\"message\": \"Reconnecting to " + run.target() + "\"}")) << run.log();
+    EXPECT_TRUE(run.logs("\"peer\":\"" + run.target() + "\"")) << run.log();  // its lines say whose
     // At least once: every appended line arrives, the old one doesn't, and only what was in
     // flight at the fault comes twice.
     std::map<std::string, int> arrivals;

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tests/support/address_helpers.h"
+#include "tests/support/sink_process.h"
 #include "tests/support/test_helpers.h"
 
 namespace {
@@ -99,6 +100,35 @@ TEST_F(Forwarding, QueueTakesWholeBatchesUntilMoreThan1023Wait) {
     EXPECT_EQ(bufferFull - refusedBefore, 2u);
     EXPECT_EQ(events.back().timestamp, 2u);
   }
+}
+
+// The queue filled while a real endpoint paused; now its connection can take events again, so
+// the event sink drains the queue before it would refuse, and takes the batch.
+TEST_F(Forwarding, AFullQueueIsDrainedBeforeABatchIsRefused) {
+  TempDir dir;
+  std::unique_ptr<ChildProcess> sink;
+  std::string sinkPort;
+  ASSERT_NO_FATAL_FAILURE(startSinkProcess(DROVER_SINK_BINARY, dir, {}, sink, sinkPort));
+  LogEventSourceConfiguration config;
+  config.writeToken = "token";
+  const uint32_t context = contexts.registerContext(config);
+  IngesterConnection& con = add(static_cast<uint16_t>(std::stoi(sinkPort)));
+  setupForwardConnection(connections.back(), events, loop, contexts, log);
+  ASSERT_TRUE(runUntil(loop, [&] { return contexts.isContextReady(context, &con); })) << out.str();
+  for (int i = 0; i < 1100; ++i) events.push_back(LogEvent{context, 5, std::to_string(i) + "\n"});
+  const uint64_t refusedBefore = bufferFull;
+  const std::string text = "new\n";
+  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+  const EphemeralLogEvent added{bytes, bytes + text.size()};
+  EXPECT_TRUE(offerBatch(events, connections, contexts, context, 6, &added, 1));
+  EXPECT_EQ(bufferFull, refusedBefore);
+  // Everything arrives once and in order: what waited first, then the new batch.
+  std::string expected;
+  for (int i = 0; i < 1100; ++i) expected += std::to_string(i) + "\n";
+  expected += text;
+  EXPECT_TRUE(
+      runUntil(loop, [&] { return readFile(dir.file("received")).size() >= expected.size(); }));
+  EXPECT_TRUE(readFile(dir.file("received")) == expected) << readFile(dir.file("received")).size();
 }
 
 TEST_F(Forwarding, TheCheckReplacesWhatIsDownAddsWhatIsNewAndDropsWhatVanished) {

@@ -178,6 +178,13 @@ TEST_F(ConnectionStates, FinalCallbackOnceAndHeldBackByReferences) {
   EXPECT_EQ(calls.order, "F");
   EXPECT_EQ(lines()[2],
             logLine("INFO", "Finished the connection from " + PEER + "(after !refCount)"));
+
+  restart();  // finished after the peer, the socket is gone: finishing again only complains
+  con->state = CLOSED_READ;
+  con->finish();
+  con->finish();
+  EXPECT_THAT(lines(), ::testing::Contains(logLine(
+                           "ERROR", "Could not shutdown socket writing: Bad file descriptor")));
 }
 
 TEST(ConnectionLineBudget, BurstOfFiftyOneThenFiveASecond) {

@@ -171,7 +171,8 @@ class SinkTest : public ::testing::Test {
 };
 
 TEST_F(SinkTest, NegotiatesAndWritesAndAcknowledgesBatchesByTheirNumberOnTheConnection) {
-  startSink({"--refuse-token", "bad", "--config-extra", "bogus", "--exit-after-events", "8"});
+  startSink({"--refuse-token", "bad", "--config-extra", "bogus", "--config-omit",
+             "timestamp_divider", "--exit-after-events", "8"});
   auto client = std::make_unique<TestClient>(loop, port);
   client->send(CmdRegisterIngestContext{"ac\"ked", 5});
   client->send(CmdRegisterIngestContext{"silent", 1});
@@ -184,8 +185,8 @@ TEST_F(SinkTest, NegotiatesAndWritesAndAcknowledgesBatchesByTheirNumberOnTheConn
   EXPECT_EQ(client->registered[1].error, "");
   EXPECT_EQ(client->registered[2].error, "write token refused");
   EXPECT_EQ(client->configAcks[1].context, 1u);
-  EXPECT_THAT(client->configAcks[1].options, ElementsAre("enable_ack", "timestamp_divider",
-                                                         "truncate_timestamp", "parser", "bogus"));
+  EXPECT_THAT(client->configAcks[1].options,
+              ElementsAre("enable_ack", "truncate_timestamp", "parser", "bogus"));
 
   // Batches are numbered across contexts; only those of the acknowledged context are answered.
   client->sendBatch(5, 1700000000123456789ull,
@@ -225,6 +226,7 @@ TEST_F(SinkTest, NoAckWritesTheBareBytesAndTerminationTheRest) {
   EXPECT_TRUE(client->acks.empty());
   EXPECT_EQ(exitStatus(), 0);
   EXPECT_EQ(readFile(dir.file("events.raw")), "x\n" + bytes);
+  EXPECT_EQ(output(), "");  // --out takes the events off standard output
   EXPECT_THAT(err(), HasSubstr("\"message\": \"Intake total\""));
 }
 
