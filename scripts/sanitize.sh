@@ -20,7 +20,7 @@ jobs=2
 # change inlining, and g++ 12 then warns falsely (maybe-uninitialized inside <regex>).
 # -O1 -g1: what the sanitizers' authors advise, and a third less compile time than -O2 -g (a test
 # file with its mocks took 30 s instead of 46 s); line tables are all a report's stack needs.
-# One unit per target and batch, as in scripts/test.sh: half the CPU of one unit per file.
+# One unit per target and batch, as in scripts/test.sh: a third less CPU for the clang build.
 common=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DDROVER_WERROR=OFF -DCMAKE_UNITY_BUILD=ON
         -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" -DDROVER_BENCHMARKS=OFF)
 
