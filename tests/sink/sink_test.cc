@@ -23,6 +23,7 @@
 #include "protocol/network_packet.h"
 #include "support/log.h"
 #include "tests/support/address_helpers.h"
+#include "tests/support/sink_process.h"
 #include "tests/support/test_helpers.h"
 
 namespace {
@@ -105,11 +106,9 @@ class SinkTest : public ::testing::Test {
     sink.reset();
     flags.insert(flags.begin(), {DROVER_SINK_BINARY, "--listen", "127.0.0.1:0", "--print-port"});
     sink.reset(new ChildProcess(flags, dir.file("stdout"), dir.file("stderr"), dir.path()));
-    const std::regex bare("(^|\n)([0-9]+)\n");
-    std::smatch match;
     std::string text;
-    EXPECT_TRUE(waitFor([&] { return std::regex_search(text = err(), match, bare); }, 10s)) << text;
-    port = match.empty() ? 0 : static_cast<uint16_t>(std::stoul(match[2]));
+    EXPECT_TRUE(waitFor([&] { return !printedPort(text = err()).empty(); }, 10s)) << text;
+    port = static_cast<uint16_t>(std::stoul("0" + printedPort(text)));
   }
   std::string err() const { return readFile(dir.file("stderr")); }
   std::string output() const { return readFile(dir.file("stdout")); }

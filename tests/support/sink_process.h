@@ -11,6 +11,14 @@
 
 #include "tests/support/test_helpers.h"
 
+/// The port that --print-port wrote: the one line of standard error that is a bare number, or
+/// "" while there is none.
+inline std::string printedPort(const std::string& errText) {
+  static const std::regex bare("(^|\n)([0-9]+)\n");
+  std::smatch match;
+  return std::regex_search(errText, match, bare) ? match[2].str() : "";
+}
+
 /// Starts `sinkBinary` in `dir` writing raw events to dir/received; sets `port` once it listens.
 /// Call through ASSERT_NO_FATAL_FAILURE.
 inline void startSinkProcess(const std::string& sinkBinary, const TempDir& dir,
@@ -21,15 +29,7 @@ inline void startSinkProcess(const std::string& sinkBinary, const TempDir& dir,
   argv.insert(argv.end(), flags.begin(), flags.end());
   sink =
       std::make_unique<ChildProcess>(argv, dir.file("sink.out"), dir.file("sink.err"), dir.path());
-  std::smatch match;
-  const std::regex portLine("(^|\n)([0-9]+)\n");
-  ASSERT_TRUE(waitFor(
-      [&] {
-        const std::string err = readFile(dir.file("sink.err"));
-        if (!std::regex_search(err, match, portLine)) return false;
-        port = match[2];
-        return true;
-      },
-      std::chrono::seconds(10)))
+  ASSERT_TRUE(waitFor([&] { return !(port = printedPort(readFile(dir.file("sink.err")))).empty(); },
+                      std::chrono::seconds(10)))
       << readFile(dir.file("sink.err"));
 }
