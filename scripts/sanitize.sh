@@ -3,16 +3,23 @@
 # every suite, built with clang together with the fuzz targets of fuzz/ (build/asan, one build for
 # both: scripts/fuzz.sh runs its targets from there), and ThreadSanitizer, with g++, over the
 # suites that start threads (build/tsan). Any report fails its test, and with it this script.
-# Usage: scripts/sanitize.sh [--build-only] [asan] [tsan]   (default: both)
-#   --build-only  configure and build, run nothing (scripts/test.sh builds ahead this way)
+# Usage: scripts/sanitize.sh [--build-only] [--idle] [asan] [tsan]   (default: both)
+#   --build-only  configure and build, run nothing
+#   --idle        compile in the idle scheduling class (the suites still run at normal priority):
+#                 scripts/test.sh builds beside its other work this way
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build_only=false
-if [ "${1:-}" = "--build-only" ]; then
-  build_only=true
+idle=()
+while [[ "${1:-}" == --* ]]; do
+  case "$1" in
+    --build-only) build_only=true ;;
+    --idle) idle=(chrt --idle 0) ;;
+    *) echo "unknown option: $1" >&2; exit 2 ;;
+  esac
   shift
-fi
+done
 runs=("$@")
 ((${#runs[@]})) || runs=(asan tsan)
 jobs=2
@@ -59,7 +66,7 @@ for run in "${runs[@]}"; do
       cmake -S . -B build/asan "${common[@]}" -DCMAKE_CXX_COMPILER=clang++ -DDROVER_FUZZ=ON \
         -DDROVER_SANITIZE=fuzzer-no-link,address,undefined \
         -DCMAKE_CXX_FLAGS="-Wno-unknown-warning-option" >/dev/null
-      cmake --build build/asan -j"$jobs"
+      "${idle[@]}" cmake --build build/asan -j"$jobs"
       $build_only && continue
       dir=$(reports asan)
       rm -rf "$dir" && mkdir -p "$dir"
@@ -80,7 +87,7 @@ for run in "${runs[@]}"; do
       # exist.
       cmake -S . -B build/tsan "${common[@]}" -DCMAKE_CXX_COMPILER=g++ -DDROVER_FUZZ=OFF \
         -DDROVER_SANITIZE=thread >/dev/null
-      cmake --build build/tsan -j"$jobs" --target support_tests sink_tests drover-sink
+      "${idle[@]}" cmake --build build/tsan -j"$jobs" --target support_tests sink_tests drover-sink
       $build_only && continue
       dir=$(reports tsan)
       rm -rf "$dir" && mkdir -p "$dir"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building and testing drover needs (Debian packages), then configures and builds.
 # Usage: scripts/setup.sh [build-dir] [extra cmake arguments...]
+#        scripts/setup.sh --packages-only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,6 +21,7 @@ if ((${#missing[@]})); then
   DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
+[ "${1:-}" = "--packages-only" ] && exit 0
 build=${1:-build}
 shift || true
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
