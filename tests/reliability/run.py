@@ -344,13 +344,10 @@ def Row(scenario, ok, notes, **figures):
     return dict({key: None for key in COLUMNS}, scenario=scenario, ok=ok, notes=notes, **figures)
 
 
-def make_row(name, report, agent=None, ok=True, notes=""):
+def make_row(name, report, agent, ok=True, notes=""):
     total = checker.totals(report)
     clean = total["lost"] == 0 and total["corrupted"] == 0
-    return Row(name, bool(ok and clean), notes, lines=total["generated"], lost=total["lost"],
-               duplicated=total["duplicated"], reordered=total["reordered"],
-               corrupted=total["corrupted"], p50_ms=total["delay_p50_ms"],
-               p99_ms=total["delay_p99_ms"], peak_rss_kb=agent.peak_kb if agent else None)
+    return Row(name, bool(ok and clean), notes, peak_rss_kb=agent.peak_kb, **total)
 
 
 def fatal_row(name, lines, agent, ok, notes):
