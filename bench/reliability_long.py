@@ -12,6 +12,7 @@ agent back by a blocked output), so they run here, at full length, and not in CI
 
 import concurrent.futures
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -21,7 +22,50 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests",
                                 "reliability"))
 from run import (Agent, Failure, Generator, LineCount, Sink, checker, end_tail_job,  # noqa: E402
-                 fatal_row, generator, main, make_row, read, tail_job, wait_delivered, wait_for)
+                 fatal_row, generator, main, make_row, proc_usage, read, tail_job,
+                 wait_delivered, wait_for)
+
+COUNTER_KEYS = ("eventsForwarded", "bufferFull", "loopBusy", "networkConnects")
+
+
+class SampledAgent(Agent):
+    """An agent whose RSS and counters are sampled while it runs, each with the time it was
+    seen: the agent's log lines carry no time of their own."""
+
+    def __init__(self, *args, **kwargs):
+        super().__init__(*args, **kwargs)
+        self.started = time.monotonic()
+        self.rss_samples = []  # (seconds since start, VmRSS kB)
+        self.counters = []  # (seconds since start, {key: value})
+        threading.Thread(target=self._sample, daemon=True).start()
+
+    def _sample(self):
+        offset = 0
+        while True:
+            ended = self.process.returncode is not None
+            at = time.monotonic() - self.started
+            usage = proc_usage(self.pid)
+            if usage:
+                self.rss_samples.append((at, usage["VmRSS"]))
+            data = read(self.out, offset)
+            data = data[:data.rfind(b"\n") + 1]  # whole lines only
+            offset += len(data)
+            for line in data.splitlines():
+                if b'"bufferFull"' in line:
+                    values = dict(re.findall(rb'"(\w+)":"(\d+)"', line))
+                    self.counters.append((at, {key: int(values.get(key.encode(), 0))
+                                               for key in COUNTER_KEYS}))
+            if ended:
+                return
+            time.sleep(0.25)
+
+    def counter_at(self, key, seconds):
+        """The last value reported at or before `seconds` after the start."""
+        value = 0
+        for at, values in self.counters:
+            if at <= seconds:
+                value = values[key]
+        return value
 
 
 # --- 1. Steady ---------------------------------------------------------------------------------
@@ -71,10 +115,12 @@ def _stall_live(ctx):
     rate = 10_000
     before, stall, after = 5, (15 if ctx.short else 60), (10 if ctx.short else 20)
     lines = rate * (before + stall + after)
-    source, sink, agent = tail_job(
-        ctx, "input.log", "tok-4",
-        sink_flags=["--stall-after", str(rate * before // 300), "--stall-seconds", str(stall),
-                    "--faulty-connections", "1"])
+    source = ctx.path("input.log")
+    open(source, "wb").close()
+    sink = Sink(ctx, ["--stall-after", str(rate * before // 300), "--stall-seconds", str(stall),
+                      "--faulty-connections", "1"])
+    agent = SampledAgent(ctx, ["tail", source, "tok-4", "to", sink.target()])
+    agent.wait_running()
     gen = Generator(ctx, source, lines, rate)
     err = sink.runs[-1][2]
     if not wait_for(lambda: b"Stalling the connection" in read(err), before + 20):

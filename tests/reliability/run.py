@@ -34,7 +34,6 @@ import generator  # noqa: E402
 
 HOST = "127.0.0.1"
 GENERATOR = os.path.join(HERE, "generator.py")
-COUNTER_KEYS = ("eventsForwarded", "bufferFull", "loopBusy", "networkConnects")
 
 
 class Failure(Exception):
@@ -50,9 +49,10 @@ def wait_for(condition, limit, step=0.05):
     return condition()
 
 
-def read(path):
+def read(path, offset=0):
     try:
         with open(path, "rb") as f:
+            f.seek(offset)
             return f.read()
     except FileNotFoundError:
         return b""
@@ -197,88 +197,58 @@ class LineCount:
 
 
 class Agent:
-    """drover forward with its memory and counters sampled while it runs."""
+    """drover forward, with its exit status, CPU time and peak RSS."""
 
     def __init__(self, ctx, words, name="agent", stdin=None, argv=None, env=None):
-        self.ctx = ctx
-        self.name = name
-        self.out = ctx.path(name + ".out")
-        self.err = ctx.path(name + ".err")
+        self.out, self.err = ctx.path(name + ".out"), ctx.path(name + ".err")
         # `argv` starts the agent some other way, e.g. through the service's instance runner.
         self.process = ctx.spawn(argv or [ctx.drover, "forward"] + words, name, stdin=stdin,
                                  env=env)
         self.pid = self.process.pid
-        self.started = time.monotonic()
-        self.peak_kb = 0
-        self.cpu_seconds = 0.0
-        self.rss_samples = []  # (seconds since start, VmRSS kB)
-        self.counters = []  # (seconds since start, {key: value})
-        self._offset = 0
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._sample, daemon=True)
-        self._thread.start()
+        self.peak_kb, self.cpu_seconds = 0, 0.0
+        threading.Thread(target=self._watch_peak, daemon=True).start()
 
-    def _read_status(self):
-        usage = proc_usage(self.pid)
-        if usage:
-            self.cpu_seconds = usage["cpu"]
-            self.peak_kb = max(self.peak_kb, usage["VmHWM"])
-            self.rss_samples.append((time.monotonic() - self.started, usage["VmRSS"]))
+    def _watch_peak(self):
+        # The peak RSS of the kernel's account at the reaping would hold the harness's own as
+        # well, which the child had until its exec. VmHWM only rises: the last reading counts.
+        while self.process.returncode is None:
+            usage = proc_usage(self.pid)
+            self.peak_kb = usage["VmHWM"] if usage else self.peak_kb
+            time.sleep(0.05)
 
-    def _read_counters(self):
-        data = read(self.out)
-        end = data.rfind(b"\n") + 1
-        for line in data[self._offset:end].splitlines():
-            if b'"bufferFull"' not in line:
-                continue
-            values = {}
-            for key in COUNTER_KEYS:
-                found = re.search(rb'"%s":"(\d+)"' % key.encode(), line)
-                values[key] = int(found.group(1)) if found else 0
-            self.counters.append((time.monotonic() - self.started, values))
-        self._offset = max(self._offset, end)
+    def wait_exit(self, limit):
+        """The exit status, or None while the agent still runs after `limit` seconds. It is
+        reaped here, for the CPU time of the kernel's account."""
+        deadline = time.monotonic() + limit
+        while self.process.returncode is None:
+            pid, status, usage = os.wait4(self.pid, os.WNOHANG)
+            if pid:
+                self.cpu_seconds = usage.ru_utime + usage.ru_stime
+                self.process.returncode = os.waitstatus_to_exitcode(status)
+            elif time.monotonic() >= deadline:
+                return None
+            else:
+                time.sleep(0.05)
+        return self.process.returncode
 
-    def _sample(self):
-        while not self._stop.is_set() and self.process.poll() is None:
-            self._read_status()
-            self._read_counters()
-            self._stop.wait(0.25)
-        self._read_counters()
+    def alive(self):
+        return self.wait_exit(0) is None
 
     def wait_running(self):
         # The first counters line comes on the loop's first pass.
-        if not wait_for(lambda: b"eventsForwarded" in read(self.out) or
-                        self.process.poll() is not None, 20):
+        if not wait_for(lambda: b"eventsForwarded" in self.log() or not self.alive(), 20):
             raise Failure("agent did not start")
-        if self.process.poll() is not None:
-            raise Failure("agent ended at start: %r" % read(self.out)[-400:])
-
-    def alive(self):
-        return self.process.poll() is None
+        if not self.alive():
+            raise Failure("agent ended at start: %r" % self.log()[-400:])
 
     def interrupt(self):
         """SIGINT ends the agent at once; returns its status."""
-        if self.alive():
-            self._read_status()
-            self.process.send_signal(signal.SIGINT)
-        try:
-            self.process.wait(20)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self._stop.set()
-        self._thread.join()
-        return self.process.returncode
-
-    def wait_exit(self, limit):
-        try:
-            self.process.wait(limit)
-        except subprocess.TimeoutExpired:
-            return None
-        finally:
-            self._stop.set()
-        self._thread.join()
-        return self.process.returncode
+        for sig in (signal.SIGINT, signal.SIGKILL):
+            if self.alive():
+                os.kill(self.pid, sig)
+            status = self.wait_exit(20)
+            if status is not None:
+                return status
 
     def log(self):
         return read(self.out)
@@ -287,15 +257,9 @@ class Agent:
         return self.log().count(text.encode())
 
     def last_counter(self, key):
-        return self.counters[-1][1][key] if self.counters else 0
-
-    def counter_at(self, key, seconds):
-        """The last value reported at or before `seconds` after the start."""
-        value = 0
-        for at, values in self.counters:
-            if at <= seconds:
-                value = values[key]
-        return value
+        """From the last counters line, which the agent logs every 10 s."""
+        values = re.findall(rb'"%s":"(\d+)"' % key.encode(), self.log())
+        return int(values[-1]) if values else 0
 
 
 class Generator:
@@ -776,7 +740,7 @@ def service_runner(ctx):
                     log.flush()
                     time.sleep(0.01)
         _wait_prefixed(sink, prefix, src, per_phase, 30)
-        agent.process.send_signal(stop_signal)
+        os.kill(agent.pid, stop_signal)
         status = agent.wait_exit(20)
         phases.append((src, status, signal.Signals(stop_signal).name, exe))
 
