@@ -34,35 +34,29 @@ def line(src, seq, t_ns):
     return b"src=%d seq=%d t=%d %s\n" % (src, seq, t_ns, padding(src, seq))
 
 
-def write_file(path, lines, src, rate, rotate_every, rotations, status_path, reopen_on_hup=False):
-    """Writes `lines` lines; returns the summary of the run."""
+def write_file(args):
+    """Writes the lines `args` ask for; returns the summary of the run."""
+    path, lines, rate = args.out, args.lines, args.rate
     hangups = []
-    if reopen_on_hup:
+    if args.reopen_on_hup:
         signal.signal(signal.SIGHUP, lambda number, frame: hangups.append(number))
     # A file starts empty (a FIFO ignores O_TRUNC); a follower of the path sees only our lines.
     flags = os.O_WRONLY | os.O_APPEND | os.O_CREAT | os.O_TRUNC
-    if path == "-":
-        fd = sys.stdout.fileno()
-    else:
-        # Plain open: a FIFO blocks here until its reader is there, which is what we want.
-        fd = os.open(path, flags, 0o644)
+    # Plain open: a FIFO blocks here until its reader is there, which is what we want.
+    fd = sys.stdout.fileno() if path == "-" else os.open(path, flags, 0o644)
     start = time.monotonic()
-    next_rotation = start + rotate_every if rotate_every else None
-    rotated = 0
-    reopened = 0
-    seq = 0
-    longest_write = 0.0
-    blocked = 0.0  # time spent inside write() beyond a millisecond per call
-    last_status = 0.0
+    next_rotation = start + args.rotate_every if args.rotate_every else None
+    rotated = reopened = seq = 0
+    longest_write = last_status = 0.0
     chunk_lines = max(1, int(rate * TICK)) if rate else 2000
     while seq < lines:
         now = time.monotonic()
-        if next_rotation is not None and now >= next_rotation and rotated < rotations:
+        if next_rotation is not None and now >= next_rotation and rotated < args.rotations:
             os.close(fd)
             rotated += 1
             os.rename(path, "%s.%d" % (path, rotated))
             fd = os.open(path, flags | os.O_EXCL, 0o644)
-            next_rotation += rotate_every
+            next_rotation += args.rotate_every
         if hangups:
             # Whoever moved the file has made the new one (logrotate's create), or we make it.
             del hangups[:]
@@ -79,31 +73,27 @@ def write_file(path, lines, src, rate, rotate_every, rotations, status_path, reo
         else:
             count = min(lines - seq, chunk_lines)
         t_ns = time.time_ns()
-        data = b"".join(line(src, n, t_ns) for n in range(seq, seq + count))
+        view = memoryview(b"".join(line(args.src, n, t_ns) for n in range(seq, seq + count)))
         before = time.monotonic()
-        view = memoryview(data)
         while view:
-            written = os.write(fd, view)
-            view = view[written:]
-        took = time.monotonic() - before
-        longest_write = max(longest_write, took)
-        if took > 0.001:
-            blocked += took
+            view = view[os.write(fd, view):]
+        longest_write = max(longest_write, time.monotonic() - before)
         seq += count
-        if status_path and before - last_status > 0.2:
+        if before - last_status > 0.2:
             last_status = before
-            with open(status_path + ".tmp", "w") as status:
-                status.write("%d\n" % seq)
-            os.replace(status_path + ".tmp", status_path)
+            write_status(args.status, seq)
     if path != "-":
         os.close(fd)
-    elapsed = time.monotonic() - start
-    if status_path:
-        with open(status_path + ".tmp", "w") as status:
+    write_status(args.status, seq)
+    return {"elapsed": time.monotonic() - start, "longest_write": longest_write,
+            "reopened": reopened}
+
+
+def write_status(path, seq):
+    if path:  # replaced whole, so that a reader never sees half a number
+        with open(path + ".tmp", "w") as status:
             status.write("%d\n" % seq)
-        os.replace(status_path + ".tmp", status_path)
-    return {"lines": seq, "elapsed": elapsed, "longest_write": longest_write,
-            "blocked": blocked, "rotations": rotated, "reopened": reopened}
+        os.replace(path + ".tmp", path)
 
 
 def main():
@@ -118,8 +108,7 @@ def main():
     parser.add_argument("--status", help="file that holds the count written so far")
     parser.add_argument("--report", help="file for the summary (JSON)")
     args = parser.parse_args()
-    summary = write_file(args.out, args.lines, args.src, args.rate, args.rotate_every,
-                         args.rotations, args.status, args.reopen_on_hup)
+    summary = write_file(args)
     if args.report:
         with open(args.report, "w") as report:
             json.dump(summary, report)

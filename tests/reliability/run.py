@@ -9,6 +9,7 @@ agent's peak RSS. --short runs the variants that CI can afford (tens of seconds 
 """
 
 import argparse
+import collections
 import concurrent.futures
 import json
 import os
@@ -34,7 +35,6 @@ import generator  # noqa: E402
 
 HOST = "127.0.0.1"
 GENERATOR = os.path.join(HERE, "generator.py")
-COUNTER_KEYS = ("eventsForwarded", "bufferFull", "loopBusy", "networkConnects")
 
 
 class Failure(Exception):
@@ -50,12 +50,21 @@ def wait_for(condition, limit, step=0.05):
     return condition()
 
 
-def read(path):
+def read(path, offset=0):
     try:
         with open(path, "rb") as f:
+            f.seek(offset)
             return f.read()
     except FileNotFoundError:
         return b""
+
+
+def write(path, data, mode=0o644):
+    # The mode matters to logrotate and to the instance runner: neither runs words that others
+    # may change.
+    with open(path, "wb" if isinstance(data, bytes) else "w") as out:
+        out.write(data)
+    os.chmod(path, mode)
 
 
 def proc_usage(pid):
@@ -78,10 +87,8 @@ class Context:
     """What every scenario needs: the binaries, its directory, the size of the run."""
 
     def __init__(self, args, name):
-        self.drover = args.drover
-        self.sink_binary = args.sink
-        self.short = args.short
-        self.instance_runner = args.instance_runner
+        self.drover, self.sink_binary = args.drover, args.sink
+        self.short, self.instance_runner = args.short, args.instance_runner
         self.dir = os.path.join(args.work_dir, name)
         shutil.rmtree(self.dir, ignore_errors=True)
         os.makedirs(self.dir)
@@ -90,13 +97,13 @@ class Context:
     def path(self, name):
         return os.path.join(self.dir, name)
 
-    def spawn(self, argv, name, cwd=None, **kwargs):
-        out = kwargs.pop("stdout", None) or open(self.path(name + ".out"), "wb")
-        err = open(self.path(name + ".err"), "wb")
+    def spawn(self, argv, name, cwd=None, stdout=None, **kwargs):
         # Each child dies with the harness, so that a harness ended at its time-out leaves no
         # agent or endpoint running behind it.
-        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--"] + argv, stdout=out,
-                                   stderr=err, cwd=cwd or self.dir, **kwargs)
+        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--"] + argv,
+                                   stdout=stdout or open(self.path(name + ".out"), "wb"),
+                                   stderr=open(self.path(name + ".err"), "wb"),
+                                   cwd=cwd or self.dir, **kwargs)
         self.processes.append(process)
         return process
 
@@ -112,12 +119,9 @@ class Sink:
     """drover-sink runs on one port; each (re)start writes its own output file."""
 
     def __init__(self, ctx, flags=(), name="sink", **spawn):
-        self.ctx = ctx
-        self.flags = list(flags)
-        self.name = name
+        self.ctx, self.flags, self.name, self.spawn = ctx, list(flags), name, spawn
         self.port = 0
         self.runs = []  # (process, output path, stderr path)
-        self.spawn = spawn
         # Its own directory: a sink makes its certificate in the working directory, and sinks
         # started side by side would race for the file.
         self.cwd = ctx.path(name + ".d")
@@ -125,25 +129,20 @@ class Sink:
         self.start()
 
     def start(self):
-        index = len(self.runs)
-        output = self.ctx.path("%s.%d.json" % (self.name, index))
+        run = "%s.%d" % (self.name, len(self.runs))
+        output, err = self.ctx.path(run + ".json"), self.ctx.path(run + ".err")
         argv = [self.ctx.sink_binary, "--listen", "%s:%d" % (HOST, self.port), "--print-port",
                 "--received-time"] + self.flags
         if "stdout" not in self.spawn:  # else the events go where the caller says
             argv += ["--out", output]
-        run_name = "%s.%d" % (self.name, index)
-        process = self.ctx.spawn(argv, run_name, cwd=self.cwd, **self.spawn)
-        err = self.ctx.path(run_name + ".err")
+        process = self.ctx.spawn(argv, run, cwd=self.cwd, **self.spawn)
         self.runs.append((process, output, err))
         # The port line follows the "Listening on" line once the server stands.
-        port_line = re.compile(rb"(?m)^(\d+)$")
-        if not wait_for(lambda: port_line.search(read(err)) or process.poll() is not None, 20):
-            raise Failure("sink did not start: %r" % read(err)[-300:])
-        if process.poll() is not None:
-            raise Failure("sink exited at start: %r" % read(err)[-300:])
-        if self.port == 0:
-            self.port = int(port_line.search(read(err)).group(1))
-        return process
+        port = lambda: re.search(rb"(?m)^(\d+)$", read(err))  # noqa: E731
+        if not wait_for(lambda: port() or process.poll() is not None, 20) or \
+                process.returncode is not None:
+            raise Failure("sink did not start (status %s): %r" % (process.poll(), read(err)[-300:]))
+        self.port = self.port or int(port().group(1))
 
     @property
     def process(self):
@@ -156,129 +155,83 @@ class Sink:
     def target(self):
         return "%s:%d" % (HOST, self.port)
 
-    def kill(self):
-        self.process.kill()
-        self.process.wait()
-
     def stop(self):
-        process = self.process
-        if process.poll() is None:
-            process.send_signal(signal.SIGINT)
+        if self.process.poll() is None:
+            self.process.send_signal(signal.SIGINT)
             try:
-                process.wait(20)
+                self.process.wait(20)
             except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
-        return process.returncode
-
-    def stderr_text(self):
-        return b"".join(read(err) for _, _, err in self.runs)
+                self.process.kill()
+                self.process.wait()
 
 
 class LineCount:
-    """Counts the lines of growing files without reading them twice."""
+    """Counts the lines of growing files, reading each byte once."""
 
     def __init__(self):
-        self.offsets = {}
-        self.total = 0
+        self.offsets, self.total = {}, 0
 
     def __call__(self, paths):
         for path in paths:
-            offset = self.offsets.get(path, 0)
-            try:
-                with open(path, "rb") as f:
-                    f.seek(offset)
-                    data = f.read()
-            except FileNotFoundError:
-                continue
-            self.offsets[path] = offset + len(data)
+            data = read(path, self.offsets.get(path, 0))
+            self.offsets[path] = self.offsets.get(path, 0) + len(data)
             self.total += data.count(b"\n")
         return self.total
 
 
 class Agent:
-    """drover forward with its memory and counters sampled while it runs."""
+    """drover forward, with its exit status, CPU time and peak RSS."""
 
     def __init__(self, ctx, words, name="agent", stdin=None, argv=None, env=None):
-        self.ctx = ctx
-        self.name = name
-        self.out = ctx.path(name + ".out")
-        self.err = ctx.path(name + ".err")
+        self.out, self.err = ctx.path(name + ".out"), ctx.path(name + ".err")
         # `argv` starts the agent some other way, e.g. through the service's instance runner.
         self.process = ctx.spawn(argv or [ctx.drover, "forward"] + words, name, stdin=stdin,
                                  env=env)
         self.pid = self.process.pid
-        self.started = time.monotonic()
-        self.peak_kb = 0
-        self.cpu_seconds = 0.0
-        self.rss_samples = []  # (seconds since start, VmRSS kB)
-        self.counters = []  # (seconds since start, {key: value})
-        self._offset = 0
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._sample, daemon=True)
-        self._thread.start()
+        self.peak_kb, self.cpu_seconds = 0, 0.0
+        threading.Thread(target=self._watch_peak, daemon=True).start()
 
-    def _read_status(self):
-        usage = proc_usage(self.pid)
-        if usage:
-            self.cpu_seconds = usage["cpu"]
-            self.peak_kb = max(self.peak_kb, usage["VmHWM"])
-            self.rss_samples.append((time.monotonic() - self.started, usage["VmRSS"]))
+    def _watch_peak(self):
+        # The peak RSS of the kernel's account at the reaping would hold the harness's own as
+        # well, which the child had until its exec. VmHWM only rises: the last reading counts.
+        while self.process.returncode is None:
+            usage = proc_usage(self.pid)
+            self.peak_kb = usage["VmHWM"] if usage else self.peak_kb
+            time.sleep(0.05)
 
-    def _read_counters(self):
-        data = read(self.out)
-        end = data.rfind(b"\n") + 1
-        for line in data[self._offset:end].splitlines():
-            if b'"bufferFull"' not in line:
-                continue
-            values = {}
-            for key in COUNTER_KEYS:
-                found = re.search(rb'"%s":"(\d+)"' % key.encode(), line)
-                values[key] = int(found.group(1)) if found else 0
-            self.counters.append((time.monotonic() - self.started, values))
-        self._offset = max(self._offset, end)
+    def wait_exit(self, limit):
+        """The exit status, or None while the agent still runs after `limit` seconds. It is
+        reaped here, for the CPU time of the kernel's account."""
+        deadline = time.monotonic() + limit
+        while self.process.returncode is None:
+            pid, status, usage = os.wait4(self.pid, os.WNOHANG)
+            if pid:
+                self.cpu_seconds = usage.ru_utime + usage.ru_stime
+                self.process.returncode = os.waitstatus_to_exitcode(status)
+            elif time.monotonic() >= deadline:
+                return None
+            else:
+                time.sleep(0.05)
+        return self.process.returncode
 
-    def _sample(self):
-        while not self._stop.is_set() and self.process.poll() is None:
-            self._read_status()
-            self._read_counters()
-            self._stop.wait(0.25)
-        self._read_counters()
+    def alive(self):
+        return self.wait_exit(0) is None
 
     def wait_running(self):
         # The first counters line comes on the loop's first pass.
-        if not wait_for(lambda: b"eventsForwarded" in read(self.out) or
-                        self.process.poll() is not None, 20):
+        if not wait_for(lambda: b"eventsForwarded" in self.log() or not self.alive(), 20):
             raise Failure("agent did not start")
-        if self.process.poll() is not None:
-            raise Failure("agent ended at start: %r" % read(self.out)[-400:])
-
-    def alive(self):
-        return self.process.poll() is None
+        if not self.alive():
+            raise Failure("agent ended at start: %r" % self.log()[-400:])
 
     def interrupt(self):
         """SIGINT ends the agent at once; returns its status."""
-        if self.alive():
-            self._read_status()
-            self.process.send_signal(signal.SIGINT)
-        try:
-            self.process.wait(20)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-        self._stop.set()
-        self._thread.join()
-        return self.process.returncode
-
-    def wait_exit(self, limit):
-        try:
-            self.process.wait(limit)
-        except subprocess.TimeoutExpired:
-            return None
-        finally:
-            self._stop.set()
-        self._thread.join()
-        return self.process.returncode
+        for sig in (signal.SIGINT, signal.SIGKILL):
+            if self.alive():
+                os.kill(self.pid, sig)
+            status = self.wait_exit(20)
+            if status is not None:
+                return status
 
     def log(self):
         return read(self.out)
@@ -287,15 +240,9 @@ class Agent:
         return self.log().count(text.encode())
 
     def last_counter(self, key):
-        return self.counters[-1][1][key] if self.counters else 0
-
-    def counter_at(self, key, seconds):
-        """The last value reported at or before `seconds` after the start."""
-        value = 0
-        for at, values in self.counters:
-            if at <= seconds:
-                value = values[key]
-        return value
+        """From the last counters line, which the agent logs every 10 s."""
+        values = re.findall(rb'"%s":"(\d+)"' % key.encode(), self.log())
+        return int(values[-1]) if values else 0
 
 
 class Generator:
@@ -306,27 +253,28 @@ class Generator:
                 str(lines), "--rate", str(rate), "--status", self.status_path,
                 "--report", self.report_path] + list(extra)
         self.process = ctx.spawn(argv, name, stdout=stdout)
-        self.lines = lines
 
     def written(self):
         text = read(self.status_path).strip()
         return int(text) if text else 0
 
+    def running(self):
+        return self.process.poll() is None
+
     def wait(self, limit):
-        self.process.wait(limit)
-        if self.process.returncode != 0:
+        if self.process.wait(limit) != 0:
             raise Failure("generator failed with status %d" % self.process.returncode)
         with open(self.report_path) as report:
             return json.load(report)
 
 
-def wait_delivered(paths_of, expected, limit, settle=1.5):
+def wait_delivered(sink, expected, limit, settle=1.5):
     """Waits until `expected` lines have arrived and nothing more came for `settle` seconds."""
     counter = LineCount()
     deadline = time.monotonic() + limit
     last, since = -1, time.monotonic()
     while time.monotonic() < deadline:
-        count = counter(paths_of())
+        count = counter(sink.outputs)
         if count != last:
             last, since = count, time.monotonic()
         elif count >= expected and time.monotonic() - since >= settle:
@@ -341,27 +289,34 @@ COLUMNS = ("lines", "lost", "duplicated", "reordered", "corrupted", "p50_ms", "p
 
 def Row(scenario, ok, notes, **figures):
     """One line of the table; a figure not given shows as "-"."""
-    return dict({key: None for key in COLUMNS}, scenario=scenario, ok=ok, notes=notes, **figures)
+    return dict(dict.fromkeys(COLUMNS), scenario=scenario, ok=ok, notes=notes, **figures)
 
 
-def make_row(name, report, agent=None, ok=True, notes=""):
+def make_row(name, report, agent, ok=True, notes=""):
     total = checker.totals(report)
     clean = total["lost"] == 0 and total["corrupted"] == 0
-    return Row(name, bool(ok and clean), notes, lines=total["generated"], lost=total["lost"],
-               duplicated=total["duplicated"], reordered=total["reordered"],
-               corrupted=total["corrupted"], p50_ms=total["delay_p50_ms"],
-               p99_ms=total["delay_p99_ms"], peak_rss_kb=agent.peak_kb if agent else None)
+    return Row(name, bool(ok and clean), notes, peak_rss_kb=agent.peak_kb, **total)
 
 
-def fatal_row(name, lines, agent, ok, notes):
-    return Row(name, ok, notes, lines=lines, peak_rss_kb=agent.peak_kb)
+def fatal_row(label, agent, gen, sink, limit, named, how):
+    """A fault whose named way out is an abort: the agent must end so within `limit` seconds,
+    with `named(stderr)` true; `how` says so in the notes."""
+    status = agent.wait_exit(limit)
+    gen.process.kill()
+    gen.process.wait()
+    sink.stop()
+    err = read(agent.err)
+    ok = status == -signal.SIGABRT and named(err)
+    return Row(label, ok, "fatal by design: status %s, %s" % (
+        status, how if ok else "NOT as named: %r" % err[-200:]), lines=gen.written(),
+        peak_rss_kb=agent.peak_kb)
 
 
 def tail_job(ctx, filename, token, sink_flags=(), suffix="", wait=True):
     """An empty file, a sink with `sink_flags` and a `tail` agent of it, waited for unless told
     otherwise. `suffix` keeps apart the logs of several jobs of one scenario."""
     source = ctx.path(filename)
-    open(source, "wb").close()
+    write(source, b"")
     sink = Sink(ctx, sink_flags, name="sink" + suffix)
     agent = Agent(ctx, ["tail", source, token, "to", sink.target()], name="agent" + suffix)
     if wait:
@@ -373,7 +328,7 @@ def end_tail_job(sink, agent, token, lines, limit, delivered=None):
     """Waits until `delivered` lines (all `lines` by default) have arrived, stops the agent with
     SIGINT and then the sink, and checks the output against `lines` lines of `token`. Returns
     whether the agent was still alive, its exit status and the checker's report."""
-    wait_delivered(lambda: sink.outputs, lines if delivered is None else delivered, limit)
+    wait_delivered(sink, lines if delivered is None else delivered, limit)
     alive = agent.alive()
     status = agent.interrupt()
     sink.stop()
@@ -396,22 +351,23 @@ def endpoint_killed(ctx):
     kills = 0
     # Kills stop before the end of the input: a peer lost after the last event was sent takes
     # the unacknowledged tail with it (the run ends on an empty queue), which is by design.
-    while gen.process.poll() is None and gen.written() < lines * 0.95:
+    while gen.running() and gen.written() < lines * 0.95:
         # Each run of the sink is killed only once the agent has come back to it.
         current = sink.outputs[-1]
         if not wait_for(lambda: os.path.exists(current) and os.path.getsize(current) > 0
-                        or gen.process.poll() is not None, 30):
+                        or not gen.running(), 30):
             raise Failure("the agent did not come back to sink run %d" % len(sink.runs))
         time.sleep(rng.uniform(0.3, 3.0))
-        if gen.process.poll() is not None or gen.written() >= lines * 0.95:
+        if not gen.running() or gen.written() >= lines * 0.95:
             break
-        sink.kill()
+        sink.process.kill()
+        sink.process.wait()
         kills += 1
         time.sleep(rng.uniform(0.2, 1.8))
         sink.start()
     gen.wait(600)
     status = agent.wait_exit(120)
-    wait_delivered(lambda: sink.outputs, lines, 30)
+    wait_delivered(sink, lines, 30)
     sink.stop()
     if status is None:
         agent.interrupt()
@@ -480,12 +436,8 @@ def _adapt_logrotate_example(ctx, path, writer_pid):
         if old not in text:
             raise Failure("the logrotate example no longer has %r" % old)
         text = text.replace(old, new)
-    config = ctx.path("logrotate.conf")
-    with open(config, "w") as out:
-        out.write(text)
-    # logrotate ignores a configuration that others may write.
-    os.chmod(config, 0o644)
-    return config
+    write(ctx.path("logrotate.conf"), text)
+    return ctx.path("logrotate.conf")
 
 
 # --- 6. Byte transparency ----------------------------------------------------------------------
@@ -525,10 +477,8 @@ def byte_transparency(ctx):
     # A file that ends in an unterminated line longer than the reader's buffer less 512 bytes:
     # its last event is cut with whatever byte the buffer held, not a newline.
     seam = b"y" * 65300
-    with open(ctx.path("special.bin"), "wb") as f:
-        f.write(plain)
-    with open(ctx.path("seam.bin"), "wb") as f:
-        f.write(seam)
+    write(ctx.path("special.bin"), plain)
+    write(ctx.path("seam.bin"), seam)
     short_lines = [line for line in lines if len(line) < 4096]
     fifo = ctx.path("special.fifo")
     os.mkfifo(fifo)
@@ -544,7 +494,7 @@ def byte_transparency(ctx):
     status = agent.wait_exit(60)
     expected = {"file": checker.frame_regular_file(plain), "seam": checker.frame_regular_file(seam),
                 "pipe": short_lines}
-    wait_delivered(lambda: sink.outputs, sum(len(v) for v in expected.values()), 30)
+    wait_delivered(sink, sum(len(v) for v in expected.values()), 30)
     sink.stop()
     got = {token: [] for token in expected}
     undecodable = 0
@@ -613,25 +563,16 @@ def _hostile_case(ctx, name, flags, faulty):
     if name == "unknown-context":
         # A registration answer for an id never given out ends the agent with an uncaught
         # std::out_of_range: that is its named way out, not a crash to repair.
-        status = agent.wait_exit(30)
-        gen.process.kill()
-        gen.process.wait()
-        sink.stop()
-        err = read(agent.err)
-        named = status == -signal.SIGABRT and b"std::out_of_range" in err
-        return fatal_row(label, gen.written(), agent, named, "fatal by design: status %s%s" % (
-            status, ", uncaught std::out_of_range" if named else ", NOT as named: %r" % err[-200:]))
+        return fatal_row(label, agent, gen, sink, 30, lambda err: b"std::out_of_range" in err,
+                         "uncaught std::out_of_range")
     gen.wait(seconds * 3 + 60)
     # Each faulty connection costs up to one five-second check before it is replaced.
     alive, _, report = end_tail_job(sink, agent, "tok-8", lines, 5 * faulty + 40)
     connects = agent.last_counter("networkConnects")
+    accepted = sum(read(err).count(b"Accepted a connection") for _, _, err in sink.runs)
     notes = "alive: %s; connections made %d; sink saw %d; agent CPU %.0f s" % (
-        alive, connects, _sink_connections(sink), agent.cpu_seconds)
+        alive, connects, accepted, agent.cpu_seconds)
     return make_row(label, report, agent, alive, notes)
-
-
-def _sink_connections(sink):
-    return sink.stderr_text().count(b"Accepted a connection")
 
 
 # --- 9. A crowd of careless and hostile clients ------------------------------------------------
@@ -719,13 +660,12 @@ def client_crowd(ctx):
     Generator(ctx, source, lines, 0).wait(60)
     agent = Agent(ctx, ["stream", source, "tok-13", "to", sink.target()])
     status = agent.wait_exit(60)
-    wait_delivered(lambda: sink.outputs, lines, 30)
+    wait_delivered(sink, lines, 30)
     sink.stop()
     output = read(sink.outputs[-1]).splitlines()
     unparsed = sum(1 for line in output if not _parses(line))
     ours = ctx.path("agent-lines.json")
-    with open(ours, "wb") as out:
-        out.writelines(line + b"\n" for line in output if b'"token":"tok-13"' in line)
+    write(ours, b"".join(line + b"\n" for line in output if b'"token":"tok-13"' in line))
     report = checker.check([ours], {1: ("tok-13", lines)})
     total = checker.totals(report)
     ok = (settled and limit_cpu < 0.3 and idle_cpu < 0.3 and grown_kb < 8 * 1024 and unparsed == 0
@@ -754,18 +694,30 @@ def service_runner(ctx):
     if not ctx.instance_runner:
         raise Failure("needs --instance-runner")
     source = ctx.path("app.log")
-    open(source, "wb").close()
+    write(source, b"")
     sink = Sink(ctx)
     prefix = "host:web 1  "
     instance = ctx.path("web.conf")
-    with open(instance, "w") as out:
-        out.write("# A job as an operator writes it.\n\ntail %s tok-12\n  prepend '%s'\n"
-                  "to %s\n" % (source, prefix, sink.target()))
-    os.chmod(instance, 0o644)
+    write(instance, "# A job as an operator writes it.\n\ntail %s tok-12\n  prepend '%s'\n"
+          "to %s\n" % (source, prefix, sink.target()))
     env = dict(os.environ, DROVER=ctx.drover)
     argv = [ctx.instance_runner, instance]
-    phases = []  # (src, lines, status, how it was stopped)
+    phases = []  # (src, status, how it was stopped, the executable)
     per_phase = 3_000
+    pattern = re.compile(r"^" + re.escape(prefix) + r"src=(\d+) seq=(\d+) ")
+
+    def arrivals():
+        """(src, seq) -> arrivals of the lines that carry `prefix` exactly; others count as
+        (None, None)."""
+        found = collections.Counter()
+        for path in sink.outputs:
+            for raw in read(path).splitlines():
+                match = pattern.match(json.loads(raw)["event"])
+                found[tuple(map(int, match.groups())) if match else (None, None)] += 1
+        return found
+
+    def arrived(src, counts=None):
+        return sum(1 for s, _ in counts or arrivals() if s == src)
 
     def run_phase(src, stop_signal):
         agent = Agent(ctx, [], name="agent-%d" % src, argv=argv, env=env)
@@ -778,10 +730,10 @@ def service_runner(ctx):
                 if seq % 100 == 99:
                     log.flush()
                     time.sleep(0.01)
-        _wait_prefixed(sink, prefix, src, per_phase, 30)
-        agent.process.send_signal(stop_signal)
-        status = agent.wait_exit(20)
-        phases.append((src, status, signal.Signals(stop_signal).name, exe))
+        if not wait_for(lambda: arrived(src) >= per_phase, 30, step=0.2):
+            raise Failure("source %d: %d of %d lines arrived" % (src, arrived(src), per_phase))
+        os.kill(agent.pid, stop_signal)
+        phases.append((src, agent.wait_exit(20), signal.Signals(stop_signal).name, exe))
 
     run_phase(1, signal.SIGINT)
     # An abort, as on a failed assertion; Restart=on-failure starts it again.
@@ -789,9 +741,8 @@ def service_runner(ctx):
     run_phase(3, signal.SIGINT)
 
     # A start that is refused ends with the agent's status; on-failure retries it.
-    with open(ctx.path("missing.conf"), "w") as out:
-        out.write("tail %s tok-12 to %s\n" % (ctx.path("not-there.log"), sink.target()))
-    os.chmod(ctx.path("missing.conf"), 0o644)
+    write(ctx.path("missing.conf"), "tail %s tok-12 to %s\n" % (ctx.path("not-there.log"),
+                                                                sink.target()))
     refused = subprocess.run([ctx.instance_runner, ctx.path("missing.conf")], env=env,
                              capture_output=True, timeout=20)
     # Words that others could change are not run.
@@ -799,10 +750,10 @@ def service_runner(ctx):
     open_file = subprocess.run(argv, env=env, capture_output=True, timeout=20)
     sink.stop()
 
-    counts = _prefixed_counts(sink, prefix)
-    lost = sum(per_phase - len(counts.get(src, {})) for src, *_ in phases)
-    duplicated = sum(n - 1 for seqs in counts.values() for n in seqs.values() if n > 1)
-    foreign = counts.get(None, {}).get(None, 0)
+    counts = arrivals()
+    lost = sum(per_phase - arrived(src, counts) for src, *_ in phases)
+    duplicated = sum(n - 1 for n in counts.values() if n > 1)
+    foreign = counts[(None, None)]
     expected_status = {"SIGINT": 0, "SIGABRT": -signal.SIGABRT}
     statuses_ok = all(status == expected_status[how] and exe == "drover"
                       for _, status, how, exe in phases)
@@ -817,27 +768,6 @@ def service_runner(ctx):
                 lost=lost, duplicated=duplicated, corrupted=foreign)]
 
 
-def _prefixed_counts(sink, prefix):
-    """src -> seq -> arrivals of the lines that carry `prefix` exactly; others count as None."""
-    counts = {}
-    pattern = re.compile(r"^" + re.escape(prefix) + r"src=(\d+) seq=(\d+) ")
-    for path in sink.outputs:
-        for raw in read(path).splitlines():
-            event = json.loads(raw)["event"]
-            found = pattern.match(event)
-            src, seq = (int(found.group(1)), int(found.group(2))) if found else (None, None)
-            seqs = counts.setdefault(src, {})
-            seqs[seq] = seqs.get(seq, 0) + 1
-    return counts
-
-
-def _wait_prefixed(sink, prefix, src, lines, limit):
-    if not wait_for(lambda: len(_prefixed_counts(sink, prefix).get(src, {})) >= lines, limit,
-                    step=0.2):
-        raise Failure("source %d: %d of %d lines arrived" % (
-            src, len(_prefixed_counts(sink, prefix).get(src, {})), lines))
-
-
 SCENARIOS = {
     "kill": endpoint_killed,
     "bytes": byte_transparency,
@@ -848,30 +778,22 @@ SCENARIOS = {
 }
 
 
-def fmt(value, unit=""):
-    if value is None:
-        return "-"
-    if isinstance(value, float):
-        return "%.1f%s" % (value, unit)
-    return "%s%s" % (value, unit)
-
-
 def table(rows):
+    def cell(value, unit=""):
+        return "-" if value is None else ("%.1f%s" if isinstance(value, float) else "%s%s") % (
+            value, unit)
+
     header = ["scenario", "lines", "lost", "duplicated", "reordered", "corrupted", "p50 delay",
               "p99 delay", "agent peak RSS", "result"]
-    body = [[r["scenario"], fmt(r["lines"]), fmt(r["lost"]), fmt(r["duplicated"]),
-             fmt(r["reordered"]), fmt(r["corrupted"]), fmt(r["p50_ms"], " ms"),
-             fmt(r["p99_ms"], " ms"),
-             fmt(r["peak_rss_kb"] // 1024 if r["peak_rss_kb"] else None, " MiB"),
+    body = [[r["scenario"]] + [cell(r[key]) for key in COLUMNS[:5]] +
+            [cell(r["p50_ms"], " ms"), cell(r["p99_ms"], " ms"),
+             cell(r["peak_rss_kb"] // 1024 if r["peak_rss_kb"] else None, " MiB"),
              "ok" if r["ok"] else "FAIL"] for r in rows]
-    widths = [max(len(str(x)) for x in column) for column in zip(header, *body)]
-    lines = ["| " + " | ".join(str(x).ljust(w) for x, w in zip(header, widths)) + " |",
-             "|" + "|".join("-" * (w + 2) for w in widths) + "|"]
-    lines += ["| " + " | ".join(str(x).ljust(w) for x, w in zip(row, widths)) + " |"
-              for row in body]
-    lines.append("")
-    lines += ["- %s: %s" % (r["scenario"], r["notes"]) for r in rows]
-    return "\n".join(lines)
+    widths = [max(map(len, column)) for column in zip(header, *body)]
+    lines = ["| " + " | ".join(c.ljust(w) for c, w in zip(cells, widths)) + " |"
+             for cells in [header] + body]
+    lines.insert(1, "|" + "|".join("-" * (w + 2) for w in widths) + "|")
+    return "\n".join(lines + [""] + ["- %s: %s" % (r["scenario"], r["notes"]) for r in rows])
 
 
 def main(extra=None):
@@ -883,23 +805,20 @@ def main(extra=None):
     parser.add_argument("--short", action="store_true", help="the CI variants")
     parser.add_argument("--work-dir", help="where runs keep their files (default: a temp dir)")
     parser.add_argument("--keep", action="store_true", help="keep the files of passing runs")
-    parser.add_argument("--results", help="also write the rows as JSON here")
     parser.add_argument("--instance-runner", help="the service's drover-instance (service)")
     parser.add_argument("scenarios", nargs="+", help=" ".join(SCENARIOS) + " or all")
     args = parser.parse_args()
     # "service" needs the instance runner of a build or a package; "all" has it only if given.
     names = ([name for name in SCENARIOS if name != "service" or args.instance_runner]
              if args.scenarios == ["all"] else args.scenarios)
-    for name in names:
-        if name not in SCENARIOS:
-            parser.error("unknown scenario %s" % name)
+    for name in set(names) - set(SCENARIOS):
+        parser.error("unknown scenario %s" % name)
     own_dir = args.work_dir is None
     args.work_dir = os.path.abspath(args.work_dir or tempfile.mkdtemp(prefix="drover-reliability-"))
     # The programs run in the scenario's directory.
     args.drover, args.sink = os.path.abspath(args.drover), os.path.abspath(args.sink)
     if args.instance_runner:
         args.instance_runner = os.path.abspath(args.instance_runner)
-    os.makedirs(args.work_dir, exist_ok=True)
 
     rows = []
     for name in names:
@@ -919,14 +838,11 @@ def main(extra=None):
         if all(row["ok"] for row in produced) and not args.keep:
             shutil.rmtree(ctx.dir, ignore_errors=True)
         rows += produced
-    print()
-    print(table(rows))
-    if args.results:
-        with open(args.results, "w") as out:
-            json.dump(rows, out, indent=1)
-    if own_dir and all(row["ok"] for row in rows) and not args.keep:
+    ok = all(row["ok"] for row in rows)
+    print("\n" + table(rows))
+    if own_dir and ok and not args.keep:
         shutil.rmtree(args.work_dir, ignore_errors=True)
-    return 0 if all(row["ok"] for row in rows) else 1
+    return 0 if ok else 1
 
 
 if __name__ == "__main__":
