@@ -45,8 +45,7 @@ class TestConnection : public NetworkConnection {
 
   /// The bytes waiting in the send buffer.
   std::string queued() const {
-    if (!sendBuffer) return std::string();
-    return std::string(reinterpret_cast<const char*>(sendRead), sendWrite - sendRead);
+    return {reinterpret_cast<char*>(sendRead), reinterpret_cast<char*>(sendWrite)};
   }
 };
 

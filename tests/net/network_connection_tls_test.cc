@@ -5,6 +5,7 @@
 #include <openssl/ssl.h>
 
 #include <csignal>
+#include <filesystem>
 #include <sstream>
 
 #include "net/network_connection.h"
@@ -28,12 +29,11 @@ class TlsConnection : public ::testing::Test {
   static void SetUpTestSuite() {
     TempDir dir;
     writeSelfSignedPair(dir.path());
-    char previous[4096];
-    ASSERT_NE(getcwd(previous, sizeof(previous)), nullptr);
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    const std::filesystem::path previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
     std::ostringstream ignored;
     NetworkConnection::Initialize(Log(ignored), true, false);
-    ASSERT_EQ(chdir(previous), 0);
+    std::filesystem::current_path(previous);
   }
   void SetUp() override {
     listener = listenOnLoopback(&port);
