@@ -15,32 +15,7 @@ using namespace std::chrono_literals;
 using State = NetworkConnection::State;
 using enum NetworkConnection::State;
 
-// A plain connection whose steps are told as letters: its log lines in their order (r remote end
-// closed, f finished, x error on the connection, e terminated early, h hung up, n no error
-// retrieved, d no data, w zero bytes written), then its handler calls (E, R, X, F), then what the
-// peer read: > our packet, . our end of stream.
-class ConnectionStates : public ConnectionTest {
- protected:
-  std::string trace() {
-    const std::string known[] = {
-        REMOTE_CLOSED_LINE,
-        FINISHED_LINE,
-        FAILED_LINE,
-        logLine("ERROR", "Connection terminated before being established."),
-        logLine("ERROR", "Remote side hung up unexpectedly."),
-        logLine("ERROR", "Socket error condition was indicated, but no error was retrieved."),
-        logLine("ERROR", "Data unexpectedly not available."),
-        logLine("ERROR", "write(2) claims to have written zero bytes.")};
-    std::string letters;
-    for (const std::string& line : lines()) {
-      const auto* at = std::find(std::begin(known), std::end(known), line);
-      letters += at == std::end(known) ? line : std::string(1, "rfxehndw"[at - known]);
-    }
-    bool ended = false;
-    const std::string got = peerRead(&ended);
-    return letters + calls.order + (got == packet(3, "abc") ? ">" : got) + (ended ? "." : "");
-  }
-};
+using ConnectionStates = ConnectionTest;
 
 // Each row puts the connection into `from`, after queueing a packet or letting the peer send one
 // or close its side, then finishes it or delivers the epoll `event`.
@@ -85,6 +60,19 @@ TEST_F(ConnectionStates, Transitions) {
       {"connect, hang-up", CONNECTING, NONE, EPOLLOUT | EPOLLHUP, FAILED, "hxX."},
       {"connect error", CONNECTING, NONE, EPOLLERR, FAILED, "nxX."},
   };
+  // The steps as letters: the log lines in their order (r remote end closed, f finished, x error
+  // on the connection, e terminated early, h hung up, n no error retrieved, d no data, w zero
+  // bytes written), then the handler calls (E, R, X, F), then what the peer read: > our packet,
+  // . our end of stream.
+  const std::string known[] = {
+      REMOTE_CLOSED_LINE,
+      FINISHED_LINE,
+      FAILED_LINE,
+      logLine("ERROR", "Connection terminated before being established."),
+      logLine("ERROR", "Remote side hung up unexpectedly."),
+      logLine("ERROR", "Socket error condition was indicated, but no error was retrieved."),
+      logLine("ERROR", "Data unexpectedly not available."),
+      logLine("ERROR", "write(2) claims to have written zero bytes.")};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     restart();
@@ -97,7 +85,15 @@ TEST_F(ConnectionStates, Transitions) {
     con->state = row.from;
     row.event == FINISH ? con->finish() : con->descriptorAvailable(row.event);
     EXPECT_EQ(con->connectionState(), row.to);
-    EXPECT_EQ(trace(), row.trace);
+    std::string trace;
+    for (const std::string& line : lines()) {
+      const auto* at = std::find(std::begin(known), std::end(known), line);
+      trace += at == std::end(known) ? line : std::string(1, "rfxehndw"[at - known]);
+    }
+    bool ended = false;
+    const std::string got = peerRead(&ended);
+    EXPECT_EQ(trace + calls.order + (got == packet(3, "abc") ? ">" : got) + (ended ? "." : ""),
+              row.trace);
     EXPECT_EQ(seen.size(), row.setup == SENDS ? 1u : 0u);  // read and parsed before anything else
     EXPECT_EQ(con->shouldSend(), row.to == ESTABLISHED);
     // Going down drops the socket and leaves the loop.

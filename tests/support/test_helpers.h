@@ -66,7 +66,6 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  int pid() const { return child; }
   void signal(int number) const;
   /// Waits up to `limit` for the exit; true if it exited. Then exitCode()/exitSignal() tell how.
   bool wait(std::chrono::milliseconds limit);
