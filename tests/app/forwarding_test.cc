@@ -57,11 +57,10 @@ class Forwarding : public ::testing::Test {
 
 TEST_F(Forwarding, ConnectionKeepsCopiesOfItsBatchesUntilAcknowledgedCountingFromZero) {
   IngesterConnection& con = add(port);
-  std::string line = "ab";
-  const auto* p = reinterpret_cast<const uint8_t*>(line.data());
-  const EphemeralLogEvent ab[] = {{p, p + 1}, {p + 1, p + 2}};
+  std::string a = "a", b = "b";
+  const EphemeralLogEvent ab[] = {eventOf(a), eventOf(b)};
   con.sendEvents(1, 42, ab, 2);
-  line = "zz";  // the source's buffer moves on; the copies must not
+  a = b = "z";  // the source's buffer moves on; the copies must not
   con.sendEvent(LogEvent{2, 7, "line\n"});
   // Each packet: a 22-byte head, then two length bytes per event.
   EXPECT_EQ(con.usedSendBuffer(), (22u + 3 + 3) + (22u + 2 + 5));
@@ -107,19 +106,17 @@ TEST_F(Forwarding, QueueTakesWholeBatchesUntilMoreThan1023Wait) {
 TEST_F(Forwarding, AFullQueueIsDrainedBeforeABatchIsRefused) {
   TempDir dir;
   std::unique_ptr<ChildProcess> sink;
-  std::string sinkPort;
-  ASSERT_NO_FATAL_FAILURE(startSinkProcess(DROVER_SINK_BINARY, dir, {}, sink, sinkPort));
+  const uint16_t sinkPort = startSink(dir, {"--format", "raw", "--out", "received"}, sink);
   LogEventSourceConfiguration config;
   config.writeToken = "token";
   const uint32_t context = contexts.registerContext(config);
-  IngesterConnection& con = add(static_cast<uint16_t>(std::stoi(sinkPort)));
+  IngesterConnection& con = add(sinkPort);
   setupForwardConnection(connections.back(), events, loop, contexts, log);
   ASSERT_TRUE(runUntil(loop, [&] { return contexts.isContextReady(context, &con); })) << out.str();
   for (int i = 0; i < 1100; ++i) events.push_back(LogEvent{context, 5, std::to_string(i) + "\n"});
   const uint64_t refusedBefore = bufferFull;
   const std::string text = "new\n";
-  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-  const EphemeralLogEvent added{bytes, bytes + text.size()};
+  const EphemeralLogEvent added = eventOf(text);
   EXPECT_TRUE(offerBatch(events, connections, contexts, context, 6, &added, 1));
   EXPECT_EQ(bufferFull, refusedBefore);
   // Everything arrives once and in order: what waited first, then the new batch.

@@ -27,10 +27,7 @@ struct Recorder : EpollListener, InotifyWatcher {
   std::vector<uint32_t> masks;
   std::function<void()> onEvent = [] {};
   void descriptorAvailable(int) override { onEvent(); }
-  void inotifyEvent(uint32_t mask) override {
-    masks.push_back(mask);
-    onEvent();
-  }
+  void inotifyEvent(uint32_t mask) override { masks.push_back(mask), onEvent(); }
 };
 
 struct Pipe {
@@ -49,20 +46,14 @@ std::string errorLine(const std::string& message) {
 class EventLoopTest : public ::testing::Test {
  protected:
   EventLoopTest() {
-    loop.addInterval(0, &keys[0], [this] {
-      ++passes;
-      return false;
-    });
+    loop.addInterval(0, &keys[0], [this] { return ++passes, false; });
   }
   void runPasses(int count) {
     const int last = passes + count;
     loop.runWhile([&] { return passes < last; });
   }
   EventLoop::Callback note(const std::string& name, bool work = false) {
-    return [this, name, work] {
-      seen += name + std::to_string(passes);
-      return work;
-    };
+    return [this, name, work] { return seen += name + std::to_string(passes), work; };
   }
   std::vector<std::string> lines() const { return splitLines(out.str()); }
 

@@ -45,57 +45,49 @@ class TestConnection : public NetworkConnection {
 
   /// The bytes waiting in the send buffer.
   std::string queued() const {
-    if (!sendBuffer) return std::string();
-    return std::string(reinterpret_cast<const char*>(sendRead), sendWrite - sendRead);
+    return {reinterpret_cast<char*>(sendRead), reinterpret_cast<char*>(sendWrite)};
   }
 };
 
-/// Counts what the four handlers of a connection were called for; `order` spells the calls out
-/// as E(stablished), R(ead closed), X (error) and F(inished).
+/// Spells out the calls of a connection's four handlers as E(stablished), R(ead closed),
+/// X (error) and F(inished).
 struct HandlerCalls {
-  int established = 0, readClosed = 0, error = 0, finished = 0;
   std::string order;
-
   void attach(NetworkConnection& con) {
-    con.setEstablishedHandler([this] { ++established, order += 'E'; });
-    con.setReadClosedHandler([this] { ++readClosed, order += 'R'; });
-    con.setErrorHandler([this] { ++error, order += 'X'; });
-    con.setFinishedHandler([this] { ++finished, order += 'F'; });
+    con.setEstablishedHandler([this] { order += 'E'; });
+    con.setReadClosedHandler([this] { order += 'R'; });
+    con.setErrorHandler([this] { order += 'X'; });
+    con.setFinishedHandler([this] { order += 'F'; });
   }
 };
 
-/// Accepts `ids` and writes down each command it gets; `onCommand` runs after each.
-class RecordingAcceptor : public NetworkCmdAcceptor {
- public:
-  RecordingAcceptor(std::vector<std::string>* seenCommands, std::initializer_list<uint16_t> ids,
-                    std::function<void()> afterCommand = nullptr)
-      : seen(seenCommands), onCommand(std::move(afterCommand)) {
-    for (uint16_t id : ids) accepted.insert(id);
-  }
-  CommandSet acceptedCommands() const override { return accepted; }
-  void operator()(NetworkCommand&& cmd) override {
-    if (auto* e = std::get_if<CmdError>(&cmd)) {
-      seen->push_back("error '" + e->message + "'");
-    } else if (std::holds_alternative<CmdCompleted>(cmd)) {
-      seen->push_back("completed");
-    } else if (auto* r = std::get_if<CmdIngestContextRegistered>(&cmd)) {
-      seen->push_back("registered " + std::to_string(r->context) + " '" + r->error + "'");
-    } else {
-      seen->push_back("index " + std::to_string(cmd.index()));
-    }
-    if (onCommand) onCommand();
-  }
-
- private:
-  std::vector<std::string>* seen;
-  CommandSet accepted;
-  std::function<void()> onCommand;
-};
-
-/// Hands `con`'s commands of `ids` to a RecordingAcceptor.
+/// Hands `con`'s commands of `ids` to an acceptor that writes each down in `seen`, then runs
+/// `after`.
 inline void record(NetworkConnection& con, std::vector<std::string>* seen,
                    std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {
-  con.setHandler(std::make_unique<RecordingAcceptor>(seen, ids, std::move(after)));
+  struct Recording : NetworkCmdAcceptor {
+    std::vector<std::string>* seen;
+    std::function<void()> after;
+    CommandSet accepted;
+    CommandSet acceptedCommands() const override { return accepted; }
+    void operator()(NetworkCommand&& cmd) override {
+      if (auto* e = std::get_if<CmdError>(&cmd)) {
+        seen->push_back("error '" + e->message + "'");
+      } else if (std::holds_alternative<CmdCompleted>(cmd)) {
+        seen->push_back("completed");
+      } else if (auto* r = std::get_if<CmdIngestContextRegistered>(&cmd)) {
+        seen->push_back("registered " + std::to_string(r->context) + " '" + r->error + "'");
+      } else {
+        seen->push_back("index " + std::to_string(cmd.index()));
+      }
+      if (after) after();
+    }
+  };
+  auto acceptor = std::make_unique<Recording>();
+  acceptor->seen = seen;
+  acceptor->after = std::move(after);
+  for (uint16_t id : ids) acceptor->accepted.insert(id);
+  con.setHandler(std::move(acceptor));
 }
 
 /// Queues one packet on `con`.
@@ -141,8 +133,13 @@ inline const std::string SKIPPED_LINE =
 // A plain connection over one end of a socketpair; the test holds the other end as raw bytes.
 class ConnectionTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { restart(); }
+  ~ConnectionTest() override { close(peer); }
+  /// A fresh connection and peer, with nothing logged or called yet.
+  void restart() {
     signal(SIGCHLD, SIG_DFL);  // the loop ignores it, which would keep death tests from waiting
+    con.reset();
+    close(peer);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
     con = std::make_unique<TestConnection>(log, loopbackInfo(9000), fds[0], false);
@@ -150,15 +147,6 @@ class ConnectionTest : public ::testing::Test {
     out.str("");
     calls = HandlerCalls();
     calls.attach(*con);
-  }
-  void TearDown() override {
-    con.reset();
-    if (peer != -1) close(peer);
-    peer = -1;
-  }
-  void restart() {
-    TearDown();
-    SetUp();
   }
 
   std::vector<std::string> lines() const { return splitLines(out.str()); }
@@ -172,12 +160,6 @@ class ConnectionTest : public ::testing::Test {
     char byte;
     *ended = read(peer, &byte, 1) == 0;
     return all.substr(0, std::max<ssize_t>(n, 0));
-  }
-  void queuePacket(uint16_t command, const std::string& payload) {
-    queueOn(*con, command, payload);
-  }
-  void acceptIds(std::initializer_list<uint16_t> ids, std::function<void()> after = nullptr) {
-    record(*con, &seen, ids, std::move(after));
   }
 
   std::ostringstream out, loopOut;

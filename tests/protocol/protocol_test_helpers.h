@@ -22,11 +22,6 @@ inline std::string str16(const std::string& s) {
   return le16(static_cast<uint16_t>(s.size())) + s;
 }
 
-inline EphemeralLogEvent eventOf(const std::string& text) {
-  const auto* p = reinterpret_cast<const uint8_t*>(text.data());
-  return {p, p + text.size()};
-}
-
 /// A read cursor over all of `bytes`.
 inline NetworkConnection::IncomingPacket over(TestConnection& con, const std::string& bytes) {
   const auto* begin = reinterpret_cast<const uint8_t*>(bytes.data());

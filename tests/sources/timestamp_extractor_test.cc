@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "loop/event_loop.h"
+#include "tests/support/test_helpers.h"
 
 namespace {
 
@@ -14,8 +15,7 @@ constexpr uint64_t SECOND = 1000000000ull;
 constexpr uint64_t MAY_6 = 1714979289ull * SECOND;  // 2024-05-06 07:08:09 UTC
 
 uint64_t timeOfLine(TimestampExtractor& extractor, const std::string& line) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(line.data());
-  return extractor.timeOf(EphemeralLogEvent{bytes, bytes + line.size()});
+  return extractor.timeOf(eventOf(line));
 }
 
 // Lines go through an extractor, which keeps the previous time where a line has none; texts go
@@ -47,8 +47,7 @@ TEST(Timestamps, LinesGetTheirFirstTimeAndTextsParseWithZonesAndFractions) {
   };
   for (const auto& [line, text, expected] : cases) {
     FirstIsoExtractor extractor(PREVIOUS);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-    const auto parsed = parseIsoTime(bytes, bytes + text.size());
+    const auto parsed = parseIsoTime(eventOf(text).begin, eventOf(text).end);
     EXPECT_EQ(line ? timeOfLine(extractor, text) : parsed.value_or(PREVIOUS), expected) << text;
   }
   FirstIsoExtractor extractor(PREVIOUS);

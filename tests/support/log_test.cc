@@ -12,6 +12,11 @@
 
 namespace {
 
+using ::testing::AllOf;
+using ::testing::Each;
+using ::testing::MatchesRegex;
+using ::testing::SizeIs;
+
 // Written to a file, whose stream buffer would hold back a line that isn't flushed.
 TEST(LogLine, AttributesMessagesAndTheReusedSlot) {
   TempDir dir;
@@ -73,15 +78,10 @@ TEST(LogLine, TwoThreadsWriteWholeLines) {
   auto writer = [&log](const char* word) {
     for (int i = 0; i < 2000; ++i) info(log) << word << " " << i << std::endl;
   };
-  std::thread first(writer, "first"), second(writer, "second");
-  first.join();
-  second.join();
-  const std::vector<std::string> lines = splitLines(out.str());
-  EXPECT_EQ(lines.size(), 4000u);
-  EXPECT_THAT(
-      lines,
-      ::testing::Each(::testing::MatchesRegex(
-          R"(\{"level":"INFO", "application":"test", "message": "(first|second) [0-9]+"\})")));
+  { std::jthread first(writer, "first"), second(writer, "second"); }
+  EXPECT_THAT(splitLines(out.str()),
+              AllOf(SizeIs(4000), Each(MatchesRegex(R"(\{"level":"INFO", "application":"test", )"
+                                                    R"("message": "(first|second) [0-9]+"\})"))));
 }
 
 TEST(LogDeathTest, DerivingOrFlushingInTheMiddleOfAMessageAborts) {

@@ -33,39 +33,20 @@ void appendFile(const std::string& path, const std::string& content) {
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream content;
-  content << in.rdbuf();
+  content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
 }
 
-namespace {
-
-// In a child between fork and exec: it dies with the test, so that a test that crashes or is
-// ended at its time-out leaves no agent or endpoint running behind it. `parent` is the test's
-// pid, taken before the fork: if the test is gone already, the signal would never come.
-void dieWithParent(pid_t parent) {
-  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
-}
-
-}  // namespace
-
-ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout,
-                         const std::string& cwd, const std::string& input) {
+ProcessResult runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout) {
   const TempDir files;
-  writeFile(files.file("in"), input);
-  ChildProcess child(argv, files.file("out"), files.file("err"), cwd, files.file("in"));
-  ProcessResult result;
-  result.timedOut = !child.wait(timeout);
-  if (result.timedOut) {
+  ChildProcess child(argv, files.file("out"), files.file("err"));
+  if (!child.wait(timeout)) {
     child.signal(SIGKILL);
     child.wait(std::chrono::seconds(10));
   }
-  result.exitCode = child.exitCode();
-  result.signal = child.exitSignal();
-  result.out = readFile(files.file("out"));
-  result.err = readFile(files.file("err"));
-  return result;
+  return {child.exitCode(), child.exitSignal(), readFile(files.file("out")),
+          readFile(files.file("err"))};
 }
 
 std::vector<std::string> splitLines(const std::string& text) {
@@ -76,8 +57,7 @@ std::vector<std::string> splitLines(const std::string& text) {
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
-                           const std::string& errPath, const std::string& cwd,
-                           const std::string& inPath) {
+                           const std::string& errPath, const std::string& cwd) {
   // An EventLoop ignores SIGCHLD for the whole process, which would let the kernel reap the
   // child before waitpid sees its status.
   ::signal(SIGCHLD, SIG_DFL);
@@ -88,15 +68,15 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
   const pid_t parent = getpid();
   child = fork();
   if (child == 0) {
-    dieWithParent(parent);
+    // The child dies with the test, so that a test that crashes or is ended at its time-out
+    // leaves no agent or endpoint running behind it. `parent` is taken before the fork: if the
+    // test is gone already, the signal would never come.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
     close(execDone[0]);
-    const int in = open(inPath.c_str(), O_RDONLY);
-    const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (in < 0 || out < 0 || err < 0) _exit(127);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+    if (dup2(open("/dev/null", O_RDONLY), 0) < 0 ||
+        dup2(open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1) < 0 ||
+        dup2(open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2) < 0)
+      _exit(127);
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
     std::vector<char*> args;
     for (const std::string& word : argv) args.push_back(const_cast<char*>(word.c_str()));
@@ -124,20 +104,14 @@ void ChildProcess::signal(int number) const {
 }
 
 bool ChildProcess::wait(std::chrono::milliseconds limit) {
-  if (reaped) return true;
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    int status = 0;
-    const pid_t done = waitpid(child, &status, WNOHANG);
-    if (done == child) {
-      reaped = true;
-      if (WIFEXITED(status)) code = WEXITSTATUS(status);
-      if (WIFSIGNALED(status)) terminatingSignal = WTERMSIG(status);
-      return true;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    usleep(10000);
+  int status = 0;
+  if (reaped || !waitFor([&] { return waitpid(child, &status, WNOHANG) == child; }, limit)) {
+    return reaped;
   }
+  reaped = true;
+  if (WIFEXITED(status)) code = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) terminatingSignal = WTERMSIG(status);
+  return true;
 }
 
 long ChildProcess::memoryKib(const std::string& field) const {
@@ -150,16 +124,13 @@ long ChildProcess::memoryKib(const std::string& field) const {
 }
 
 double ChildProcess::cpuSeconds() const {
-  std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const std::string text = readFile("/proc/" + std::to_string(child) + "/stat");
   // utime and stime are the 12th and 13th fields after the command name, which may hold blanks.
   std::istringstream fields(text.substr(text.rfind(')') + 1));
-  std::string field;
-  unsigned long long ticks = 0;
-  for (int i = 0; i < 13 && fields >> field; ++i) {
-    if (i >= 11) ticks += std::stoull(field);
-  }
-  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  std::string field[13];
+  for (std::string& next : field) fields >> next;
+  return static_cast<double>(std::stoull(field[11]) + std::stoull(field[12])) /
+         static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "support/log_event.h"
+
 class EventLoop;
 
 /// Whether the programs under test run with a sanitizer, whose shadow memory and quarantine
@@ -27,6 +29,12 @@ class TempDir {
   std::string root;
 };
 
+/// A view of `text`'s bytes as one event.
+inline EphemeralLogEvent eventOf(const std::string& text) {
+  const auto* begin = reinterpret_cast<const uint8_t*>(text.data());
+  return {begin, begin + text.size()};
+}
+
 void writeFile(const std::string& path, const std::string& content);
 void appendFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
@@ -36,34 +44,28 @@ bool runUntil(EventLoop& loop, const std::function<bool()>& done,
               std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 struct ProcessResult {
-  int exitCode = -1;  // exit status, or -1 if the process did not exit normally
-  int signal = 0;     // terminating signal, 0 if it exited
-  bool timedOut = false;
-  std::string out;
-  std::string err;
+  int exitCode = -1, signal = 0;  // exit status or -1; terminating signal or 0
+  std::string out, err;
 };
 
-/// Runs argv[0] with the given arguments, optionally in `cwd` and with `input` on its stdin;
-/// kills it with SIGKILL when `timeout` passes.
+/// Runs argv[0] with the given arguments and nothing on its stdin; kills it with SIGKILL when
+/// `timeout` passes.
 ProcessResult runProcess(const std::vector<std::string>& argv,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(30),
-                         const std::string& cwd = "", const std::string& input = "");
+                         std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 /// The lines of `text`, without their newlines.
 std::vector<std::string> splitLines(const std::string& text);
 
-/// A program running in the background with stdout and stderr going to files; killed with
-/// SIGKILL and reaped at destruction if it is still running.
+/// A program running in the background, stdin from /dev/null and stdout and stderr going to
+/// files; killed with SIGKILL and reaped at destruction if it is still running.
 class ChildProcess {
  public:
   ChildProcess(const std::vector<std::string>& argv, const std::string& outPath,
-               const std::string& errPath, const std::string& cwd = "",
-               const std::string& inPath = "/dev/null");
+               const std::string& errPath, const std::string& cwd = "");
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  int pid() const { return child; }
   void signal(int number) const;
   /// Waits up to `limit` for the exit; true if it exited. Then exitCode()/exitSignal() tell how.
   bool wait(std::chrono::milliseconds limit);
