@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <map>
-#include <regex>
 
 #include "tests/support/sink_process.h"
 #include "tests/support/test_helpers.h"

@@ -13,7 +13,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
