@@ -24,9 +24,12 @@ sanitizers() {
   wait "$tsan" || status=1
   return "$status"
 }
-export -f sanitizers
-setsid bash -c sanitizers &
+# A process group of its own (job control) but no new session: a session is a scheduling
+# group of its own to the kernel (autogroup), which would get half the CPU whatever its class.
+set -m
+sanitizers &
 sanitizers=$!
+set +m
 trap 'kill -- -"$sanitizers" 2>/dev/null || true' EXIT
 
 # One unit per target and batch (CMAKE_UNITY_BUILD): the test files share their headers and
