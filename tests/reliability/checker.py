@@ -26,8 +26,9 @@ def unescape(text):
     return ESCAPE.sub(lambda m: bytes([int(m.group(2), 16)]) if m.group(2) else m.group(1), text)
 
 
-def check(paths, expected):
-    """`expected` maps a source id to (token, number of lines generated). Returns the report."""
+def check(paths, expected, prefix=b""):
+    """`expected` maps a source id to (token, number of lines generated), each line with `prefix`
+    in front. Returns the report."""
     first = {src: {} for src in expected}  # src -> seq -> (unit, position) of its first arrival
     order = {src: [] for src in expected}  # src -> seqs in order of first arrival
     delays = {src: [] for src in expected}
@@ -44,7 +45,8 @@ def check(paths, expected):
                     unit = (file_index, connection)
                     position = unit_events[unit]
                     unit_events[unit] += 1
-                line = match and GENERATED.match(unescape(event))
+                event = match and unescape(event)
+                line = match and event.startswith(prefix) and GENERATED.match(event[len(prefix):])
                 src = int(line.group(1)) if line else None
                 if src not in expected:  # not a sink line, not a generated line or not ours
                     corrupted[None] += 1
@@ -97,15 +99,15 @@ def totals(report):
     return total
 
 
-def frame_regular_file(data, prepend=0):
+def frame_regular_file(data):
     """The events a source cuts from a regular file holding `data`, byte for byte.
 
-    Mirrors the reader: a buffer of 65526 usable bytes (less the prepend) and one spare, reads
+    Mirrors the reader: a buffer of 65526 usable bytes and one spare, reads
     that fill all free space, lines handed over with their newline, a line that fills the buffer
     split with a newline in the spare byte, and unterminated bytes at the end never sent. A split
     of a buffer that stopped short of the brim ends in whatever byte the buffer held there.
     """
-    size = 65526 - prepend
+    size = 65526
     buf = bytearray(size + 1)  # zeroed, as the reader's allocation is
     begin = end = offset = 0
     events = []

@@ -20,14 +20,8 @@ def sink_line(seq, src=1, token=b"tok", connection=0, t_ns=1000, received=5_000_
 
 
 class CheckerTest(unittest.TestCase):
-    def setUp(self):
-        self.dir = tempfile.TemporaryDirectory()
-
-    def tearDown(self):
-        self.dir.cleanup()
-
     def output(self, name, lines):
-        path = os.path.join(self.dir.name, name)
+        path = os.path.join(self.enterContext(tempfile.TemporaryDirectory()), name)
         with open(path, "wb") as f:
             f.write(b"".join(lines))
         return path

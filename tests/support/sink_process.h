@@ -33,8 +33,9 @@ inline uint16_t startSink(const TempDir& dir, std::vector<std::string> flags,
       std::make_unique<ChildProcess>(flags, dir.file("sink.out"), dir.file("sink.err"), dir.path());
   std::string err;
   uint16_t port = 0;
-  EXPECT_TRUE(waitFor([&] { return (port = printedPort(err = readFile(dir.file("sink.err")))) != 0; },
-                      std::chrono::seconds(10)))
+  EXPECT_TRUE(
+      waitFor([&] { return (port = printedPort(err = readFile(dir.file("sink.err")))) != 0; },
+              std::chrono::seconds(10)))
       << err;
   return port;
 }
