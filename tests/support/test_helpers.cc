@@ -127,8 +127,9 @@ double ChildProcess::cpuSeconds() const {
   const std::string text = readFile("/proc/" + std::to_string(child) + "/stat");
   // utime and stime are the 12th and 13th fields after the command name, which may hold blanks.
   std::istringstream fields(text.substr(text.rfind(')') + 1));
-  std::string field[13];
+  std::string field[13] = {};
   for (std::string& next : field) fields >> next;
+  if (field[12].empty()) return 0;  // gone already: nothing left to read
   return static_cast<double>(std::stoull(field[11]) + std::stoull(field[12])) /
          static_cast<double>(sysconf(_SC_CLK_TCK));
 }
